@@ -1,0 +1,94 @@
+// The daemon's network side: one worker's connection (comm_data) and the
+// endpoint (server_comm) that binds the client-facing router socket and the
+// in-process dealer socket the workers connect to.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "common_func.h"
+
+// One worker's connection: its ZMQ_REP socket and two frame buffers of
+// 8192 + 48 bytes each. Owned and used by one worker thread only; calls go
+// strictly receive, send, receive. Plug-in functions get a comm_data* and
+// use the public fields: the request in recv_data, the reply payload written
+// to send_data->msg (at most max_send_len bytes).
+class comm_data {
+private:
+    void* socket;        // not owned: never closed here
+    uint8_t client_id;   // unused
+    int32_t timeout;     // unused: receives block without limit
+
+public:
+    data_struct* send_data;  // reply frame, owned
+    data_struct* recv_data;  // request frame, owned
+    int32_t max_send_len;    // reply payload capacity, 8192
+    int32_t max_recv_len;    // request payload capacity, 1024
+
+    // Allocates both buffers zero-filled; aborts the process when that fails.
+    explicit comm_data(void* socket);
+    ~comm_data();
+    comm_data(const comm_data&) = delete;
+    comm_data& operator=(const comm_data&) = delete;
+
+    // Receives one request (at most 1072 bytes stored), stamps its receive
+    // time and checks its crc (a mismatch is logged, the request kept).
+    // Returns the size ZeroMQ reported for the whole message, or -1.
+    int recv_msg();
+
+    // Sends the single-packet reply whose len payload bytes are already in
+    // send_data->msg. A negative len is an error code for the client: it
+    // travels in msg_len and the frame is len + 48 bytes long. Returns 0,
+    // -1 when len exceeds max_send_len (nothing sent), -2 when sending fails.
+    int ack_msg(int len);
+
+    // Sends len bytes of buf as a multi-part reply of max_send_len + 48 byte
+    // packets. Returns 0 or -1. Nothing in the daemon calls it.
+    int ack_more_msg(uint8_t* buf, int len);
+
+    void* get_socket() { return socket; }
+    data_struct* get_send_data() { return send_data; }
+    data_struct* get_recv_data() { return recv_data; }
+    // The frame's time stamp in microseconds (wrapping arithmetic).
+    uint64_t get_send_time_us();
+    uint64_t get_recv_time_us();
+};
+
+// The endpoint: a ZMQ_ROUTER socket on tcp://ip:port facing the clients, a
+// ZMQ_DEALER socket on inproc://workers facing the workers, and the list of
+// the workers' connections. Its destructor closes nothing.
+class server_comm {
+private:
+    std::string ip_addr;
+    int32_t port;
+    void* context = nullptr;
+    void* socket = nullptr;   // ZMQ_ROUTER on TCP
+    void* workers = nullptr;  // ZMQ_DEALER on inproc://workers
+    std::vector<comm_data*> comm_list;
+    std::mutex comm_list_lock;  // five workers register at the same moment
+
+public:
+    server_comm(std::string ip_addr, int port);
+
+    // Creates the context and both sockets and binds them. Returns 0, or -1
+    // (context), -2 (router socket), -3 (TCP bind, also for a port outside
+    // 0..65535), -4 (dealer socket). What was made before a failure stays.
+    int listen_connect();
+
+    // Makes the connection of a worker's socket and records it.
+    comm_data* create_comm(void* socket);
+
+    // Closes both endpoint sockets and terminates the context; 0 or -1.
+    int close_connect();
+
+    std::vector<comm_data*> get_comm_list();
+
+    void* get_socket() { return socket; }
+    void* get_context() { return context; }
+    void* get_workers() { return workers; }
+    void set_socket(void* s) { socket = s; }
+    void set_context(void* c) { context = c; }
+    void set_workers(void* w) { workers = w; }
+};

@@ -1,0 +1,87 @@
+#include <android/log.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "common_func.h"
+
+std::unordered_map<std::string, std::shared_ptr<fd_cache>> file_cache::file_fds_cache;
+std::mutex file_cache::fds_lock;
+
+fd_cache::fd_cache(int fd) : fd(fd) {}
+
+int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool cached) {
+    if (len < 1) {
+        errno = EINVAL;
+        return -1;
+    }
+
+    std::shared_ptr<fd_cache> entry;
+    std::unique_lock<std::mutex> entry_lock;
+    int fd;
+    {
+        std::lock_guard<std::mutex> map_lock(fds_lock);
+        auto it = file_fds_cache.find(path);
+        if (it != file_fds_cache.end()) {
+            // Taken while still holding fds_lock, so seek and read of one
+            // descriptor stay atomic against the other readers.
+            entry = it->second;
+            entry_lock = std::unique_lock<std::mutex>(entry->flock);
+            fd = entry->fd;
+            lseek(fd, 0, SEEK_SET);
+        } else {
+            fd = open(path.c_str(), O_RDONLY);
+            if (fd < 0) {
+                __android_log_print(ANDROID_LOG_ERROR, nullptr, "read_file no such file: %s\n",
+                                    path.c_str());
+                return -2;
+            }
+            // A full map is not an error here: the read goes ahead uncached.
+            if (cached && file_fds_cache.size() <= max_entries) {
+                entry = std::make_shared<fd_cache>(fd);
+                entry_lock = std::unique_lock<std::mutex>(entry->flock);
+                file_fds_cache.emplace(path, entry);
+            }
+        }
+    }
+
+    ssize_t count = read(fd, buf, static_cast<size_t>(len) - 1);
+    if (entry) {
+        entry_lock.unlock();
+    } else {
+        close(fd);
+    }
+    if (count > 0) {
+        buf[count] = 0;
+    }
+    return static_cast<int>(count);
+}
+
+int file_cache::open_and_cache(const std::string& path) {
+    std::lock_guard<std::mutex> map_lock(fds_lock);
+    auto it = file_fds_cache.find(path);
+    if (it != file_fds_cache.end()) {
+        return it->second->fd;
+    }
+    if (file_fds_cache.size() > max_entries) {
+        return -EMFILE;
+    }
+    int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, nullptr, "open_and_cache no such file: %s\n",
+                            path.c_str());
+        return -2;
+    }
+    file_fds_cache.emplace(path, std::make_shared<fd_cache>(fd));
+    return fd;
+}
+
+void file_cache::empty_cache_file() {
+    std::lock_guard<std::mutex> map_lock(fds_lock);
+    for (auto& item : file_fds_cache) {
+        // Never close a descriptor in the middle of someone's read.
+        std::lock_guard<std::mutex> entry_lock(item.second->flock);
+        close(item.second->fd);
+    }
+    file_fds_cache.clear();
+}

@@ -1,0 +1,134 @@
+#include <android/log.h>
+
+#include <fstream>
+#include <stdexcept>
+
+#include "config_parser.h"
+
+#define LOG_TAG "MONITOR_CONFIG"
+
+namespace {
+// Command codes and ids are hexadecimal text, with or without "0x"; trailing
+// text is ignored; no digits or a value outside int32 throws "stoi".
+uint32_t hex_code(const std::string& text) {
+    return static_cast<uint32_t>(std::stoi(text, nullptr, 16));
+}
+}  // namespace
+
+json_config::json_config(const std::string& json) {
+    Json::CharReaderBuilder builder;
+    std::string errs;
+    std::ifstream stream(json);
+    // Sub-configuration files share this code, and so the "main config" words.
+    if (!stream.is_open()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Open main config:%s failed\n",
+                            json.c_str());
+        throw std::runtime_error("open json");
+    }
+    if (!Json::parseFromStream(builder, stream, &root, &errs)) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Parse main config %s failed\n",
+                            json.c_str());
+        stream.close();
+        throw std::runtime_error("Parse json");
+    }
+    stream.close();
+}
+
+main_config::main_config(const std::string& main_json) : json_config(main_json) {}
+
+sub_config::sub_config(const std::string& sjson, std::string& class_name, uint32_t cd)
+    : json_config(sjson), sub_file(sjson), name(class_name), code(cd) {}
+
+config_parser::config_parser(const std::string& mjson) : main_file(mjson) {}
+
+bool config_parser::parse_config() {
+    if (!parse_main_config()) {
+        return false;
+    }
+    return parse_sub_config();
+}
+
+Json::Value config_parser::search_key(Json::Value& root, const std::string& key) {
+    if (!root.isMember(key)) {
+        throw std::runtime_error("Not found key");
+    }
+    return root[key];
+}
+
+bool config_parser::parse_main_config() {
+    try {
+        mconfig = std::make_unique<main_config>(main_file);
+        mconfig->mode = search_key(mconfig->root, "mode").asString();
+        mconfig->ip = search_key(mconfig->root, "server_ip").asString();
+        mconfig->port = search_key(mconfig->root, "port").asInt();
+
+        Json::Value configs = search_key(mconfig->root, "sub-configs");
+        for (uint32_t i = 0; i < configs.size(); i++) {
+            Json::Value sub = configs[i];
+            std::string name = search_key(sub, "class").asString();
+            uint32_t code = hex_code(search_key(sub, "code").asString());
+            std::string configFile = search_key(sub, "config").asString();
+            bool disable = false;
+            if (sub.isMember("disable")) {
+                disable = sub["disable"].asBool();
+            }
+            // The file is opened and parsed even when the code turns out to
+            // be a duplicate.
+            auto sc = std::make_shared<sub_config>(configFile, name, code);
+            sc->enabled = !disable;
+            // The first group with a code wins.
+            mconfig->subs_map.emplace(code, sc);
+        }
+        return true;
+    } catch (const std::exception& e) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Exception caught: %s in %s\n", e.what(),
+                            main_file.c_str());
+        return false;
+    }
+}
+
+bool config_parser::parse_sub_config() {
+    try {
+        for (auto& entry : mconfig->subs_map) {
+            std::shared_ptr<sub_config> cfg = entry.second;
+            Json::Value cmds = search_key(cfg->root, "cmd-list");
+            for (uint32_t i = 0; i < cmds.size(); i++) {
+                Json::Value element = cmds[i];
+                std::string name = search_key(element, "name").asString();
+                uint32_t id = hex_code(search_key(element, "id").asString());
+                std::shared_ptr<mon_cmd> mn;
+                if (search_key(element, "type").asString() == "file") {
+                    std::string file = search_key(element, "file").asString();
+                    mn = std::make_shared<mon_cmd>(name, id, file);
+                } else if (search_key(element, "type").asString() == "custom") {
+                    std::string lib = search_key(element, "lib").asString();
+                    std::string sym = search_key(element, "symbols").asString();
+                    bool detach = false;
+                    if (element.isMember("detach")) {
+                        detach = element["detach"].asBool();
+                    }
+                    mn = std::make_shared<mon_cmd>(name, id, lib, sym, detach);
+                    // Loaded even for a duplicate id, which releases it again.
+                    mn->load_library();
+                } else {
+                    // asCString throws for a type that is not a JSON string,
+                    // which fails the whole load.
+                    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                        "Not support cmd type:%s, skiping\n",
+                                        element["type"].asCString());
+                    continue;
+                }
+                if (element.isMember("disable")) {
+                    mn->enabled = !element["disable"].asBool();
+                }
+                // The first command with an id wins.
+                cfg->cmds.emplace(id, mn);
+            }
+        }
+        return true;
+    } catch (const std::exception& e) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Exception caught: %s in sub config\n",
+                            e.what());
+        return false;
+    }
+}

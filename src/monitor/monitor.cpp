@@ -1,0 +1,187 @@
+#include "monitor.h"
+
+#include <android/log.h>
+#include <pthread.h>
+#include <zmq.h>
+
+#include <cstring>
+#include <iostream>
+
+#define LOG_TAG "VO_MONITOR"
+
+monitor::monitor() {
+    for (auto& id : id_map) {
+        id.store(false);
+    }
+}
+
+monitor::~monitor() {
+    // The endpoint goes before the configuration it was built from.
+    comm.reset();
+    configs.reset();
+}
+
+int monitor::get_client_id() {
+    for (int i = 1; i < 255; i++) {
+        bool expect = false;
+        if (id_map[i].compare_exchange_strong(expect, true, std::memory_order_acq_rel)) {
+            return i;
+        }
+    }
+    return 0;
+}
+
+void monitor::back_client_id(int num) {
+    // num comes from a request byte: 255 names no entry.
+    if (num < 0 || num >= 255) {
+        return;
+    }
+    id_map[num].store(false, std::memory_order_relaxed);
+}
+
+bool monitor::parse_config(const std::string& config) {
+    configs = std::make_unique<config_parser>(config);
+    return configs->parse_config();
+}
+
+int monitor::handle_request(comm_data* every_comm) {
+    data_struct* req = every_comm->get_recv_data();
+    uint8_t* reply = every_comm->get_send_data()->msg;
+    uint32_t command = static_cast<uint32_t>(req->command);
+    uint32_t sub_command = static_cast<uint32_t>(req->sub_command);
+
+    if (command == INTERNAL_CMD) {
+        switch (req->sub_command) {
+            case 1: {
+                int id = get_client_id();
+                __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "send get_client_id %d\n", id);
+                reply[0] = static_cast<uint8_t>(id);
+                return 1;
+            }
+            case 2:
+                back_client_id(req->msg[0]);
+                return 0;
+            default:
+                __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Not support %d internal cmd",
+                                    req->sub_command);
+                return -22;
+        }
+    }
+
+    // find(), never operator[]: the tables are shared read-only by all workers.
+    const auto& subs_map = configs->mconfig->subs_map;
+    auto sub_it = subs_map.find(command);
+    if (sub_it == subs_map.end()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "No command 0x%x in %s\n", command,
+                            configs->main_file.c_str());
+        return -22;
+    }
+    std::shared_ptr<sub_config> cfg = sub_it->second;
+    auto cmd_it = cfg->cmds.find(sub_command);
+    if (cmd_it == cfg->cmds.end()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "No sub-command 0x%x in %s\n",
+                            sub_command, cfg->sub_file.c_str());
+        return -22;
+    }
+    std::shared_ptr<mon_cmd> cmd = cmd_it->second;
+
+    int ret;
+    switch (cmd->type) {
+        case FILE_TYPE: {
+            const std::string& path = cmd->file_t.mon_file;
+            // The path ends at its first zero character; copy only when one is
+            // embedded, so the common case allocates nothing.
+            if (strlen(path.c_str()) == path.size()) {
+                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true);
+            } else {
+                ret = file_cache::read_file(std::string(path.c_str()), reply,
+                                            every_comm->max_send_len, true);
+            }
+            break;
+        }
+        case DYN_FILE_TYPE: {
+            std::string pid_file = cmd->file_t.mon_file;
+            size_t found = pid_file.find("$pid");
+            if (found != std::string::npos) {
+                uint32_t pid = u8_to_u32(req->msg);
+                pid_file.replace(found, 4, std::to_string(pid));
+            }
+            // Per-process paths are many and short-lived: never cached.
+            ret = file_cache::read_file(pid_file, reply, every_comm->max_send_len, false);
+            break;
+        }
+        case CUSTOM_TYPE:
+            if (cmd->cust_t.function == nullptr) {
+                return -6;
+            }
+            ret = cmd->cust_t.function(every_comm);
+            break;
+        default:
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Not support cmd type:%d\n",
+                                static_cast<int>(cmd->type));
+            return -22;
+    }
+    cmd.reset();
+    cfg.reset();
+    return ret;
+}
+
+int monitor::wait_for_connection() { return comm->listen_connect(); }
+
+int monitor::recv_request(comm_data* every_comm) { return every_comm->recv_msg(); }
+
+int monitor::ack_request(int len, comm_data* every_comm) {
+    // Above the limit a plug-in has answered on its own.
+    if (len > max_reply_len) {
+        return 0;
+    }
+    every_comm->ack_msg(len);  // failures are logged by ack_msg
+    return 0;
+}
+
+void monitor_helper_thread(monitor* mon) {
+    const main_config& mc = *mon->configs->mconfig;
+    mon->comm = std::make_unique<server_comm>(mc.ip, mc.port);
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "vireo-monitor listening %s:%d",
+                        mc.ip.c_str(), mc.port);
+    int ret = mon->wait_for_connection();
+    if (ret < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Connect error:%d\n", ret);
+        return;
+    }
+
+    pthread_t worker;
+    for (int i = 0; i < thread_nbr; i++) {
+        pthread_create(&worker, nullptr, worker_routine, mon);
+    }
+    zmq_device(ZMQ_QUEUE, mon->comm->get_socket(), mon->comm->get_workers());
+    mon->comm->close_connect();
+}
+
+void* worker_routine(void* mon_void) {
+    monitor* mon = static_cast<monitor*>(mon_void);
+    void* receiver = zmq_socket(mon->comm->get_context(), ZMQ_REP);
+    comm_data* every_comm = mon->comm->create_comm(receiver);
+    zmq_connect(receiver, "inproc://workers");
+
+    while (true) {
+        int ret = mon->recv_request(every_comm);
+        while (ret < 0) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Recv request error with %d\n", ret);
+            ret = mon->recv_request(every_comm);
+        }
+        ret = mon->handle_request(every_comm);
+        if (ret < 0) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Handle request error with %d\n",
+                                ret);
+        }
+        mon->ack_request(ret, every_comm);
+    }
+    return nullptr;
+}
+
+void show_help() {
+    std::cout << "Show process or thread callstack and status, or exec dump_server in server mode"
+              << std::endl;
+    std::cout << "\t-c, main config file path" << std::endl;
+}

@@ -1,0 +1,105 @@
+// Helpers shared by the tests: temporary files, free loopback ports, a
+// ZeroMQ request client with a receive timeout, and the real daemon binary
+// started on a configuration.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// A fresh directory under /tmp, removed with its contents on destruction.
+class temp_dir {
+public:
+    temp_dir();
+    ~temp_dir();
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+
+    const std::string& path() const { return dir; }
+    // Writes content to name inside the directory; returns the full path.
+    std::string write(const std::string& name, const std::string& content) const;
+
+private:
+    std::string dir;
+};
+
+std::string read_text_file(const std::string& path);
+
+// A TCP port on 127.0.0.1 that was free a moment ago.
+int free_port();
+
+// A request frame: 44-byte header (crc 0), then the payload, then msg_len is
+// the payload size unless given.
+std::vector<uint8_t> make_request(uint32_t command, uint32_t sub_command,
+                                  const std::vector<uint8_t>& payload = {});
+std::vector<uint8_t> make_request_len(uint32_t command, uint32_t sub_command,
+                                      const std::vector<uint8_t>& payload, int32_t msg_len);
+// The 4 payload bytes of a pid, little-endian.
+std::vector<uint8_t> pid_payload(uint32_t pid);
+
+// A ZMQ_REQ (or other type) socket with a receive timeout and linger 0.
+class zmq_client {
+public:
+    explicit zmq_client(const std::string& endpoint, int timeout_ms = 5000, int type = 3 /*ZMQ_REQ*/);
+    ~zmq_client();
+    zmq_client(const zmq_client&) = delete;
+    zmq_client& operator=(const zmq_client&) = delete;
+
+    bool send(const std::vector<uint8_t>& frame, bool more = false);
+    // One message part; false on timeout. *more tells whether parts follow.
+    bool recv(std::vector<uint8_t>& out, bool* more = nullptr);
+    // send then recv; false on timeout.
+    bool request(const std::vector<uint8_t>& frame, std::vector<uint8_t>& reply);
+    void* socket() { return sock; }
+
+private:
+    void* ctx;
+    void* sock;
+};
+
+// Fields of a reply frame, read at their wire offsets.
+struct reply_view {
+    int32_t command, sub_command, msg_len;
+    uint8_t msg_type;
+    uint16_t sum_packet, cur_packet;
+    uint8_t command_type, client_id;
+    int64_t tv_sec, tv_usec;
+    uint32_t crc;
+    // The payload as text (msg_len bytes from offset 44), empty if negative.
+    std::string payload;
+};
+reply_view parse_reply(const std::vector<uint8_t>& frame);
+
+// The daemon binary built with the tests.
+std::string daemon_path();
+// A directory of plug-ins built by the test build.
+std::string test_plugin_dir();
+
+// The real daemon, started with args; its stderr goes to a file. Killed by
+// PID on destruction.
+class daemon_process {
+public:
+    explicit daemon_process(const std::vector<std::string>& args);
+    ~daemon_process();
+    daemon_process(const daemon_process&) = delete;
+    daemon_process& operator=(const daemon_process&) = delete;
+
+    // Waits (bounded) until a request on endpoint is answered.
+    bool wait_ready(const std::string& endpoint, int timeout_ms = 10000);
+    // Waits (bounded) for the process to exit; returns its status or -1.
+    int wait_exit(int timeout_ms = 10000);
+    bool running();
+    std::string stderr_text() const;
+    std::string stdout_text() const;
+    // Waits (bounded) until stderr contains text.
+    bool wait_stderr(const std::string& text, int timeout_ms = 5000);
+    pid_t pid() const { return child; }
+
+private:
+    pid_t child = -1;
+    int status = -1;
+    bool exited = false;
+    std::string out_file, err_file;
+};
