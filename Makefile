@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap configure build test run clean
+.PHONY: all bootstrap configure build test run clean bench fuzz soak package test-arm64
 
 all: build
 
@@ -19,8 +19,29 @@ build: configure
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
+# The daemon in the foreground on the demo configuration (127.0.0.1:6600).
 run: build
 	$(BUILD_DIR)/bin/vireo-monitor -c config/demo/main.json
 
+# Daemon against its bare ZeroMQ topology; report in build/bench/.
+bench: build
+	bench/run $(BUILD_DIR)
+
+# Each fuzz target for FUZZ_SECONDS (default 60).
+fuzz: bootstrap
+	fuzz/run
+
+# Long load run against the daemon (SOAK_SECONDS, default 600).
+soak: build
+	tests/hardening/soak $(BUILD_DIR)
+
+# Debian packages for the host and for arm64, in build/packages/.
+package: bootstrap
+	scripts/package
+
+# Cross build for AArch64 and the tests under qemu-user.
+test-arm64:
+	scripts/test-arm64
+
 clean:
-	rm -rf $(BUILD_DIR)
+	rm -rf $(BUILD_DIR) build-*
