@@ -1,0 +1,194 @@
+// monitor::handle_request against configurations loaded from real files, with
+// a connection whose request frame is filled by hand.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "log_capture.h"
+#include "monitor.h"
+#include "test_util.h"
+
+namespace {
+
+constexpr int E = 6, I = 4;  // log priorities: error, info
+
+struct request_case {
+    const char* name;
+    uint32_t command, sub_command;
+    std::vector<uint8_t> payload;
+    int result;
+    std::string reply;  // expected first bytes of the reply payload
+    std::vector<log_line> logs;
+};
+
+class handle_request_test : public ::testing::Test {
+protected:
+    temp_dir dir;
+    std::string sub_file, main_file;
+    monitor mon;
+
+    void SetUp() override {
+        for (const char* name : {"1000.txt", "0.txt", "4294967295.txt", "42-$pid.txt",
+                                 "cost$5.txt"}) {
+            dir.write(name, std::string("from ") + name);
+        }
+        dir.write("data.txt", "hello vireo\n");
+        dir.write("empty.txt", "");
+        dir.write("big.txt", big());
+        std::string d = dir.path() + "/";
+        std::string lib = test_plugin_dir() + "/libvireo_test_plugin.so";
+        auto file = [&](const char* id, const std::string& path, const char* extra = "") {
+            return std::string(R"({"name": "n", "id": ")") + id + R"(", "type": "file", "file": ")" +
+                   path + "\"" + extra + "},";
+        };
+        auto custom = [&](const char* id, const char* sym) {
+            return std::string(R"({"name": "n", "id": ")") + id +
+                   R"(", "type": "custom", "lib": ")" + lib + R"(", "symbols": ")" + sym + "\"},";
+        };
+        sub_file = dir.write("sub.json", "{\"cmd-list\": [" + file("1", d + "data.txt") +
+                                             file("2", d + "big.txt") + file("3", d + "missing.txt") +
+                                             file("4", d + "$pid.txt") + file("5", d + "$pid-$pid.txt") +
+                                             file("6", d + "cost$5.txt") + custom("7", "plugin_echo") +
+                                             custom("8", "plugin_len") + custom("9", "no_such_symbol") +
+                                             file("a", d + "data.txt", R"(, "disable": true)") +
+                                             file("b", d + "empty.txt") + file("c", d + "data.txt") +
+                                             "]}");
+        main_file = dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1",
+            "port": 1, "sub-configs": [
+            {"class": "a", "code": "0x10", "config": ")" + sub_file + R"("},
+            {"class": "b", "code": "0x11", "config": ")" + sub_file + R"(", "disable": true}]})");
+        ASSERT_TRUE(mon.parse_config(main_file));
+        // No configuration yields an unknown type: forge one.
+        mon.configs->mconfig->subs_map.at(0x10)->cmds.at(0xc)->type = static_cast<cmd_type_t>(7);
+    }
+
+    static std::string big() {
+        std::string s(10000, 'x');
+        for (size_t i = 0; i < s.size(); i++) s[i] = static_cast<char>('0' + i % 10);
+        return s;
+    }
+
+    // Runs one request on a fresh connection (buffers zero-filled, as after a
+    // receive that cleared the payload).
+    int run(comm_data& c, uint32_t command, uint32_t sub, const std::vector<uint8_t>& payload) {
+        std::memset(c.recv_data, 0, 48 + 1024);
+        c.recv_data->command = static_cast<int32_t>(command);
+        c.recv_data->sub_command = static_cast<int32_t>(sub);
+        c.recv_data->msg_len = static_cast<int32_t>(payload.size());
+        std::memcpy(c.recv_data->msg, payload.data(), payload.size());
+        return mon.handle_request(&c);
+    }
+};
+
+std::vector<uint8_t> le32(int32_t v) { return pid_payload(static_cast<uint32_t>(v)); }
+
+std::string letters(int n) {
+    std::string s;
+    for (int i = 0; i < n; i++) s += static_cast<char>('a' + i % 26);
+    return s;
+}
+
+// Every result of the dispatch, its reply bytes and its exact log lines.
+TEST_F(handle_request_test, results_table) {
+    std::string d = dir.path() + "/";
+    std::vector<request_case> cases = {
+        {"file", 0x10, 1, {}, 12, "hello vireo\n", {}},
+        {"file over capacity", 0x10, 2, {}, 8191, big().substr(0, 8191) + '\0', {}},
+        {"missing file", 0x10, 3, {}, -2, "", {{E, null_tag(), "read_file no such file: " + d + "missing.txt\n"}}},
+        {"pid 1000", 0x10, 4, {0xE8, 0x03, 0, 0}, 13, "from 1000.txt", {}},
+        {"pid absent", 0x10, 4, {}, 10, "from 0.txt", {}},
+        {"pid unsigned", 0x10, 4, le32(-1), 19, "from 4294967295.txt", {}},
+        {"first $pid only", 0x10, 5, le32(42), 16, "from 42-$pid.txt", {}},
+        {"$ without pid", 0x10, 6, le32(1000), 15, "from cost$5.txt", {}},
+        {"plug-in echo", 0x10, 7, {'p', 'i', 'n', 'g'}, 4, "ping", {}},
+        {"plug-in 0", 0x10, 8, le32(0), 0, "", {}},
+        {"plug-in 8192", 0x10, 8, le32(8192), 8192, letters(8192), {}},
+        {"plug-in negative", 0x10, 8, le32(-7), -7, "", {}},
+        {"plug-in answered itself", 0x10, 8, le32(9000), 9000, "", {}},
+        {"no function", 0x10, 9, {}, -6, "", {}},
+        {"disabled command", 0x10, 0xa, {}, 12, "hello vireo\n", {}},
+        {"disabled group", 0x11, 1, {}, 12, "hello vireo\n", {}},
+        {"empty file", 0x10, 0xb, {}, 0, "", {}},
+        {"unknown type", 0x10, 0xc, {}, -22, "", {{E, "VO_MONITOR", "Not support cmd type:7\n"}}},
+        {"unknown command", 0x12, 1, {}, -22, "", {{E, "VO_MONITOR", "No command 0x12 in " + main_file + "\n"}}},
+        {"unknown sub-command", 0x10, 0x99, {}, -22, "", {{E, "VO_MONITOR", "No sub-command 0x99 in " + sub_file + "\n"}}},
+        {"unknown internal", 0xEAEA, 3, {}, -22, "", {{E, "VO_MONITOR", "Not support 3 internal cmd"}}},
+        {"sign bit command", 0xFFFFFFFF, 0x80000000, {}, -22, "", {{E, "VO_MONITOR", "No command 0xffffffff in " + main_file + "\n"}}},
+    };
+    size_t groups = mon.configs->mconfig->subs_map.size();
+    size_t cmds = mon.configs->mconfig->subs_map.at(0x10)->cmds.size();
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        comm_data c(nullptr);
+        log_capture logs;
+        EXPECT_EQ(run(c, tc.command, tc.sub_command, tc.payload), tc.result);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(c.send_data->msg), tc.reply.size()), tc.reply);
+        EXPECT_EQ(logs.lines(), tc.logs);
+    }
+    // Failed look-ups never add entries.
+    EXPECT_EQ(mon.configs->mconfig->subs_map.size(), groups);
+    EXPECT_EQ(mon.configs->mconfig->subs_map.at(0x10)->cmds.size(), cmds);
+}
+
+// Ids 1..254 lowest free first, then 0; a returned id comes back; returning
+// 0 or 255 changes nothing.
+TEST_F(handle_request_test, client_id_pool) {
+    comm_data c(nullptr);
+    log_capture logs;
+    std::vector<log_line> expect;
+    for (int i = 1; i <= 255; i++) {
+        int id = i == 255 ? 0 : i;
+        ASSERT_EQ(run(c, 0xEAEA, 1, {}), 1) << i;
+        ASSERT_EQ(c.send_data->msg[0], id) << i;
+        expect.push_back({I, "VO_MONITOR", "send get_client_id " + std::to_string(id) + "\n"});
+    }
+    EXPECT_EQ(logs.lines(), expect);
+    for (uint8_t id : {3, 200, 5}) EXPECT_EQ(run(c, 0xEAEA, 2, {id}), 0);
+    for (int id : {3, 5, 200, 0}) {
+        run(c, 0xEAEA, 1, {});
+        EXPECT_EQ(c.send_data->msg[0], id);
+    }
+    for (uint8_t id : {0, 255}) {
+        EXPECT_EQ(run(c, 0xEAEA, 2, {id}), 0);
+        EXPECT_FALSE(mon.id_map[0].load());
+        for (int i = 1; i < 255; i++) ASSERT_TRUE(mon.id_map[i].load()) << i;
+    }
+    mon.back_client_id(-1);
+    mon.back_client_id(1000);
+    for (int i = 1; i < 255; i++) ASSERT_TRUE(mon.id_map[i].load()) << i;
+}
+
+// The configuration `make run` serves loads cleanly from the repository root
+// and reaches this machine's files.
+TEST(demo_config, loads_and_serves) {
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    ASSERT_EQ(chdir(VIREO_SOURCE_DIR), 0);
+    monitor mon;
+    log_capture logs;
+    bool ok = mon.parse_config("config/demo/main.json");
+    ASSERT_EQ(chdir(cwd), 0);
+    ASSERT_TRUE(ok);
+    EXPECT_TRUE(logs.lines().empty());
+    const auto& subs = mon.configs->mconfig->subs_map;
+    EXPECT_EQ(mon.configs->mconfig->port, 6600);
+    EXPECT_EQ(mon.configs->mconfig->ip, "127.0.0.1");
+    ASSERT_EQ(subs.size(), 2u);
+    EXPECT_EQ(subs.at(0x10)->cmds.size(), 5u);
+    EXPECT_EQ(subs.at(0x20)->cmds.size(), 4u);
+    for (auto& kv : subs.at(0x20)->cmds) EXPECT_EQ(kv.second->type, DYN_FILE_TYPE) << kv.first;
+    comm_data c(nullptr);
+    c.recv_data->command = 0x10;
+    c.recv_data->sub_command = 5;
+    EXPECT_GT(mon.handle_request(&c), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(c.send_data->msg), 6), "Linux ");
+    c.recv_data->command = 0x20;
+    c.recv_data->sub_command = 1;
+    std::memcpy(c.recv_data->msg, pid_payload(getpid()).data(), 4);
+    ASSERT_GT(mon.handle_request(&c), 0);
+    std::string status(reinterpret_cast<char*>(c.send_data->msg));
+    EXPECT_NE(status.find("\nPid:\t" + std::to_string(getpid()) + "\n"), std::string::npos);
+}
+
+}  // namespace
