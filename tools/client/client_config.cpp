@@ -1,0 +1,115 @@
+// Command names from the daemon's configuration files. Plug-in libraries
+// are named, never loaded: the client only needs codes, ids and names.
+#include <json/json.h>
+
+#include <fstream>
+#include <set>
+#include <stdexcept>
+
+#include "vireo_client.h"
+
+namespace {
+
+Json::Value parse_file(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) {
+        throw std::runtime_error("cannot open " + path);
+    }
+    Json::CharReaderBuilder builder;
+    Json::Value root;
+    std::string errs;
+    if (!Json::parseFromStream(builder, in, &root, &errs)) {
+        throw std::runtime_error("cannot parse " + path + ": " + errs);
+    }
+    return root;
+}
+
+const Json::Value& need(const Json::Value& obj, const char* key, const std::string& path) {
+    if (!obj.isObject() || !obj.isMember(key)) {
+        throw std::runtime_error("no key \"" + std::string(key) + "\" in " + path);
+    }
+    return obj[key];
+}
+
+uint32_t need_hex(const Json::Value& obj, const char* key, const std::string& path) {
+    std::string text = need(obj, key, path).asString();
+    try {
+        return config_hex(text);
+    } catch (const std::logic_error&) {
+        throw std::runtime_error("\"" + std::string(key) + "\": \"" + text +
+                                 "\" is not a hex code in " + path);
+    }
+}
+
+// Appends the commands of one sub-configuration, first id wins.
+void read_group(const std::string& cls, uint32_t code, const Json::Value& root,
+                const std::string& path, std::vector<client_cmd>& cmds) {
+    const Json::Value& list = need(root, "cmd-list", path);
+    std::set<uint32_t> ids;
+    for (Json::ArrayIndex i = 0; i < list.size(); i++) {
+        const Json::Value& e = list[i];
+        client_cmd c;
+        c.cls = cls;
+        c.code = code;
+        c.name = need(e, "name", path).asString();
+        c.id = need_hex(e, "id", path);
+        const Json::Value& type = need(e, "type", path);
+        if (!type.isString()) {
+            throw std::runtime_error("\"type\" of " + c.name + " is not a string in " + path);
+        }
+        if (type.asString() == "file") {
+            c.target = need(e, "file", path).asString();
+            c.kind = c.target.find('$') == std::string::npos ? "file" : "$pid file";
+        } else if (type.asString() == "custom") {
+            c.kind = "custom";
+            c.target = need(e, "lib", path).asString() + ":" + need(e, "symbols", path).asString();
+        } else {
+            continue;  // the daemon skips an unknown type as well
+        }
+        if (ids.insert(c.id).second) {
+            cmds.push_back(c);
+        }
+    }
+}
+
+}  // namespace
+
+uint32_t config_hex(const std::string& text) {
+    return static_cast<uint32_t>(std::stoi(text, nullptr, 16));
+}
+
+int load_client_config(const std::string& main_path, client_config& out, std::string& why) {
+    out = client_config{};
+    try {
+        Json::Value root = parse_file(main_path);
+        out.ip = need(root, "server_ip", main_path).asString();
+        out.port = need(root, "port", main_path).asInt();
+        const Json::Value& subs = need(root, "sub-configs", main_path);
+        std::set<uint32_t> codes;
+        for (Json::ArrayIndex i = 0; i < subs.size(); i++) {
+            const Json::Value& s = subs[i];
+            std::string cls = need(s, "class", main_path).asString();
+            uint32_t code = need_hex(s, "code", main_path);
+            std::string sub_path = need(s, "config", main_path).asString();
+            // Parsed even when the code is a duplicate, as the daemon does,
+            // so that a broken file is reported the same way.
+            Json::Value sub = parse_file(sub_path);
+            if (codes.insert(code).second) {
+                read_group(cls, code, sub, sub_path, out.cmds);
+            }
+        }
+    } catch (const std::exception& e) {
+        why = e.what();
+        return client_bad_input;
+    }
+    return 0;
+}
+
+const client_cmd* find_cmd(const client_config& cfg, const std::string& full_name) {
+    for (const client_cmd& c : cfg.cmds) {
+        if (c.cls + "." + c.name == full_name) {
+            return &c;
+        }
+    }
+    return nullptr;
+}

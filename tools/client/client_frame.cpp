@@ -1,0 +1,131 @@
+// Request frames and reply validation.
+#include <algorithm>
+#include <cstring>
+
+#include "vireo_client.h"
+
+namespace {
+
+// Command, sub-command and msg_len: all that a reply with a status far below
+// zero still carries.
+constexpr size_t prefix_len = 12;
+constexpr size_t header_len = offsetof(data_struct, msg);
+
+std::string hex(uint32_t v) {
+    char buf[16];
+    snprintf(buf, sizeof buf, "0x%x", v);
+    return buf;
+}
+
+std::string n_bytes(size_t n) { return std::to_string(n) + (n == 1 ? " byte" : " bytes"); }
+
+// Header fields of one part, and the checks every part must pass.
+int read_header(const std::vector<uint8_t>& part, const std::string& what, uint32_t command,
+                uint32_t sub_command, data_struct& h, std::string& why) {
+    if (part.size() < prefix_len) {
+        why = what + " of " + n_bytes(part.size()) + " is shorter than the " +
+              std::to_string(prefix_len) + "-byte header prefix (command, sub_command, msg_len)";
+        return client_malformed;
+    }
+    memset(&h, 0, sizeof h);
+    memcpy(&h, part.data(), std::min(part.size(), header_len));
+    if (static_cast<uint32_t>(h.command) != command ||
+        static_cast<uint32_t>(h.sub_command) != sub_command) {
+        why = what + " answers command " + hex(h.command) + " sub-command " + hex(h.sub_command) +
+              ", not the request's " + hex(command) + " " + hex(sub_command);
+        return client_malformed;
+    }
+    return 0;
+}
+
+int parse_packets(const std::vector<std::vector<uint8_t>>& parts, uint32_t command,
+                  uint32_t sub_command, client_reply& out, std::string& why) {
+    const size_t count = parts.size();
+    const int64_t len = out.header().msg_len;
+    const int64_t cap = max_reply_payload;
+    if (len <= (static_cast<int64_t>(count) - 1) * cap || len > static_cast<int64_t>(count) * cap) {
+        why = "msg_len " + std::to_string(len) + " does not fit a reply of " +
+              std::to_string(count) + " packets";
+        return client_malformed;
+    }
+    for (size_t i = 0; i < count; i++) {
+        std::string what = "packet " + std::to_string(i + 1) + " of " + std::to_string(count);
+        data_struct h;
+        if (int rc = read_header(parts[i], what, command, sub_command, h, why); rc != 0) {
+            return rc;
+        }
+        if (parts[i].size() < static_cast<size_t>(cap) + sizeof(data_struct)) {
+            why = what + " is " + n_bytes(parts[i].size()) + ", not " +
+                  std::to_string(cap + sizeof(data_struct));
+            return client_malformed;
+        }
+        if (h.msg_len != out.header().msg_len || h.sum_packet != count || h.cur_packet != i + 1) {
+            why = what + " says msg_len " + std::to_string(h.msg_len) + ", packet " +
+                  std::to_string(h.cur_packet) + " of " + std::to_string(h.sum_packet);
+            return client_malformed;
+        }
+        size_t share = static_cast<size_t>(std::min<int64_t>(cap, len - static_cast<int64_t>(i) * cap));
+        out.payload.append(reinterpret_cast<const char*>(parts[i].data() + header_len), share);
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::vector<uint8_t> pack_request(uint32_t command, uint32_t sub_command,
+                                  const std::vector<uint8_t>& payload) {
+    std::vector<uint8_t> frame(sizeof(data_struct) + payload.size(), 0);
+    u32_to_u8(command, frame.data() + offsetof(data_struct, command));
+    u32_to_u8(sub_command, frame.data() + offsetof(data_struct, sub_command));
+    u32_to_u8(static_cast<uint32_t>(payload.size()), frame.data() + offsetof(data_struct, msg_len));
+    // crc stays 0: the daemon's checksum of any payload is 0.
+    std::copy(payload.begin(), payload.end(), frame.begin() + header_len);
+    return frame;
+}
+
+int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command,
+                uint32_t sub_command, client_reply& out, std::string& why) {
+    out = client_reply{};
+    out.parts = parts.size();
+    if (parts.empty()) {
+        why = "empty reply";
+        return client_malformed;
+    }
+    const std::vector<uint8_t>& first = parts[0];
+    out.frame_len = first.size();
+    const std::string what = parts.size() == 1 ? "reply" : "packet 1 of " + std::to_string(parts.size());
+    if (int rc = read_header(first, what, command, sub_command, out.header(), why); rc != 0) {
+        return rc;
+    }
+    const int64_t len = out.header().msg_len;
+    if (parts.size() > 1) {
+        return parse_packets(parts, command, sub_command, out, why);
+    }
+    // A status travels in msg_len and cuts the frame to msg_len + 48 bytes,
+    // but never below the prefix that holds it.
+    const int64_t need = std::max<int64_t>(static_cast<int64_t>(prefix_len), len + 48);
+    if (static_cast<int64_t>(first.size()) < need) {
+        why = "reply of " + n_bytes(first.size()) + " is shorter than the " +
+              std::to_string(need) + " bytes that " +
+              (len < 0 ? "a status of " : "a msg_len of ") + std::to_string(len) + " takes";
+        return client_malformed;
+    }
+    if (len > 0) {
+        out.payload.assign(reinterpret_cast<const char*>(first.data() + header_len),
+                           static_cast<size_t>(len));
+    }
+    return 0;
+}
+
+std::string status_text(int32_t code) {
+    switch (code) {
+        case -22:
+            return "unknown command or sub-command";
+        case -6:
+            return "custom command without function";
+        case -2:
+            return "file could not be opened";
+        default:
+            return "error " + std::to_string(code);
+    }
+}
