@@ -20,7 +20,7 @@ typedef int (*CUST_CALLBACK)(comm_data*);
 
 enum cmd_type_t : uint32_t {
     FILE_TYPE = 0,      // contents of a fixed file
-    DYN_FILE_TYPE = 1,  // contents of a file whose path holds "$pid"
+    DYN_FILE_TYPE = 1,  // a path with a "$" anywhere; "$pid" is replaced per request
     CUSTOM_TYPE = 2,    // result of a plug-in function
 };
 
