@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <iomanip>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "common_func.h"
@@ -11,53 +11,35 @@
 namespace {
 using bytes = std::vector<uint8_t>;
 
-// 32-bit values travel little-endian, 64-bit values big-endian, whatever the
-// buffer's alignment, and only the named bytes are written.
+// 32-bit values travel little-endian, 64-bit values big-endian, at any
+// alignment and writing only their own bytes; read across, halves swap.
 TEST(ByteOrder, PairsKeepTheirOwnOrder) {
-    struct u32_case { uint32_t v; bytes b; };
-    for (const auto& c : std::vector<u32_case>{{0x12345678, {0x78, 0x56, 0x34, 0x12}},
-                                               {0xFF000001, {0x01, 0x00, 0x00, 0xFF}}}) {
-        uint8_t buf[7];
-        memset(buf, 0xEE, sizeof buf);
-        u32_to_u8(c.v, buf + 1);
-        EXPECT_EQ(bytes(buf, buf + 7), (bytes{0xEE, c.b[0], c.b[1], c.b[2], c.b[3], 0xEE, 0xEE}))
-            << std::hex << c.v;
-        EXPECT_EQ(u8_to_u32(buf + 1), c.v) << std::hex << c.v;
-    }
-    struct u64_case { uint64_t v; bytes b; };
-    for (const auto& c : std::vector<u64_case>{
-             {0x0102030405060708ull, {1, 2, 3, 4, 5, 6, 7, 8}},
-             {0xF000000000000001ull, {0xF0, 0, 0, 0, 0, 0, 0, 1}}}) {
-        uint8_t buf[11];
-        memset(buf, 0xEE, sizeof buf);
-        u64_to_u8(c.v, buf + 1);
-        bytes want(11, 0xEE);
-        std::copy(c.b.begin(), c.b.end(), want.begin() + 1);
-        EXPECT_EQ(bytes(buf, buf + 11), want) << std::hex << c.v;
-        EXPECT_EQ(u8_to_u64(buf + 1), c.v) << std::hex << c.v;
-    }
-    // The two orders meet: each 32-bit half reads byte-swapped.
-    uint8_t buf[8];
-    u64_to_u8(0x0102030405060708ull, buf);
-    EXPECT_EQ(u8_to_u32(buf), 0x04030201u);
-    EXPECT_EQ(u8_to_u32(buf + 4), 0x08070605u);
+    bytes b(11, 0xEE);
+    u32_to_u8(0x12345678, &b[1]);
+    EXPECT_EQ(b, (bytes{0xEE, 0x78, 0x56, 0x34, 0x12, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
+    EXPECT_EQ(u8_to_u32(&b[1]), 0x12345678u);
+    EXPECT_EQ(u8_to_u32(bytes{0x01, 0, 0, 0xFF}.data()), 0xFF000001u);
+    u64_to_u8(0x0102030405060708ull, &b[1]);
+    EXPECT_EQ(b, (bytes{0xEE, 1, 2, 3, 4, 5, 6, 7, 8, 0xEE, 0xEE}));
+    EXPECT_EQ(u8_to_u64(&b[1]), 0x0102030405060708ull);
+    EXPECT_EQ(u8_to_u32(&b[1]), 0x04030201u);
+    EXPECT_EQ(u8_to_u32(&b[5]), 0x08070605u);
+    u64_to_u8(0xF000000000000001ull, &b[1]);
+    EXPECT_EQ(b, (bytes{0xEE, 0xF0, 0, 0, 0, 0, 0, 0, 1, 0xEE, 0xEE}));
+    EXPECT_EQ(u8_to_u64(&b[1]), 0xF000000000000001ull);
 }
 
 // Bit i lands on bit 7-i (31-i), and reversing twice restores the value.
 TEST(ByteOrder, BitReversal) {
-    EXPECT_EQ(reverse8(0x01), 0x80);
-    EXPECT_EQ(reverse8(0x80), 0x01);
-    EXPECT_EQ(reverse8(0x00), 0x00);
-    EXPECT_EQ(reverse8(0xFF), 0xFF);
-    for (int x = 0; x < 256; x++) {
-        for (int i = 0; i < 8; i++) {
-            EXPECT_EQ((reverse8(static_cast<uint8_t>(x)) >> (7 - i)) & 1, (x >> i) & 1)
-                << "x=" << x << " bit " << i;
-        }
+    for (auto [in, out] : std::vector<std::pair<int, int>>{{0x01, 0x80}, {0x80, 0x01}, {0x00, 0x00},
+                                                           {0xFF, 0xFF}, {0x35, 0xAC}}) {
+        EXPECT_EQ(reverse8(static_cast<uint8_t>(in)), out) << "reverse8 " << in;
     }
     EXPECT_EQ(reverse32(0x04C11DB7u), 0xEDB88320u);
-    EXPECT_EQ(reverse32(0x00000001u), 0x80000000u);
-    for (uint32_t x : {0u, 1u, 0x12345678u, 0x80000001u, 0xFFFFFFFEu, 0xDEADBEEFu}) {
+    for (int i = 0; i < 32; i++) {
+        EXPECT_EQ(reverse32(1u << i), 1u << (31 - i)) << "bit " << i;
+    }
+    for (uint32_t x : {0u, 0x12345678u, 0x80000001u, 0xFFFFFFFEu, 0xDEADBEEFu}) {
         EXPECT_EQ(reverse32(reverse32(x)), x) << std::hex << x;
     }
 }
@@ -103,21 +85,11 @@ TEST(DataStruct, FieldsAtWireOffsets) {
 TEST(ShowByUnit, RoundingCarryAndUnits) {
     struct row { uint64_t val; uint8_t off; const char* text; };
     const uint64_t k = 1024;
-    for (const row& r : std::vector<row>{{0, 0, "0.0B"},
-                                         {1023, 0, "1023.0B"},
-                                         {1024, 0, "1.0K"},
-                                         {1536, 0, "1.5K"},
-                                         {1075, 0, "1.0K"},
-                                         {1076, 0, "1.1K"},
-                                         {1048575, 0, "1024.0K"},
-                                         {1049599, 0, "1.0M"},
-                                         {2048, 1, "2.0M"},
-                                         {10 * k * k * k * k, 0, "10.0T"},
-                                         {1023, 4, "1023.0T"},
-                                         {k * k * k * k * k, 0, "1.0"},
-                                         {7, 5, "7.0"},
-                                         {1, 255, "1.0"},
-                                         {UINT64_MAX, 0, "16.0"}}) {
+    for (const row& r : std::vector<row>{
+             {0, 0, "0.0B"}, {1023, 0, "1023.0B"}, {1024, 0, "1.0K"}, {1536, 0, "1.5K"},
+             {1075, 0, "1.0K"}, {1076, 0, "1.1K"}, {1048575, 0, "1024.0K"}, {1049599, 0, "1.0M"},
+             {2048, 1, "2.0M"}, {10 * k * k * k * k, 0, "10.0T"}, {1023, 4, "1023.0T"},
+             {k * k * k * k * k, 0, "1.0"}, {7, 5, "7.0"}, {1, 255, "1.0"}, {UINT64_MAX, 0, "16.0"}}) {
         std::ostringstream os;
         show_by_unit(r.val, os, r.off);
         EXPECT_EQ(os.str(), r.text) << "val=" << r.val << " off=" << int(r.off);
@@ -132,17 +104,14 @@ TEST(ShowByUnit, RoundingCarryAndUnits) {
 // Each part truncates toward zero by itself; an end before start wraps.
 TEST(TimeDiff, SignedPartsAndWrap) {
     struct row { timeval start, end; uint64_t ms, us; };
-    for (const row& r : std::vector<row>{{{1, 999999}, {2, 0}, 1, 1},
-                                         {{0, 500}, {1, 400}, 1000, 999900},
-                                         {{5, 0}, {5, 0}, 0, 0},
-                                         {{5, 10}, {5, 9}, 0, UINT64_MAX},
-                                         {{5, 0}, {4, 999999}, UINT64_MAX, UINT64_MAX},
-                                         {{10, 0}, {7, 500000}, 0 - 2500ull, 0 - 2500000ull},
-                                         {{3, 1500}, {3, 0}, UINT64_MAX, 0 - 1500ull}}) {
-        EXPECT_EQ(time_diff(r.start, r.end), r.ms)
-            << r.start.tv_sec << "." << r.start.tv_usec << " -> " << r.end.tv_sec << "." << r.end.tv_usec;
-        EXPECT_EQ(time_diff_us(r.start, r.end), r.us)
-            << r.start.tv_sec << "." << r.start.tv_usec << " -> " << r.end.tv_sec << "." << r.end.tv_usec;
+    for (const row& r : std::vector<row>{
+             {{1, 999999}, {2, 0}, 1, 1}, {{0, 500}, {1, 400}, 1000, 999900}, {{5, 0}, {5, 0}, 0, 0},
+             {{5, 10}, {5, 9}, 0, UINT64_MAX}, {{5, 0}, {4, 999999}, UINT64_MAX, UINT64_MAX},
+             {{10, 0}, {7, 500000}, 0 - 2500ull, 0 - 2500000ull}, {{3, 1500}, {3, 0}, UINT64_MAX, 0 - 1500ull}}) {
+        SCOPED_TRACE(std::to_string(r.start.tv_sec) + "." + std::to_string(r.start.tv_usec) + " -> " +
+                     std::to_string(r.end.tv_sec) + "." + std::to_string(r.end.tv_usec));
+        EXPECT_EQ(time_diff(r.start, r.end), r.ms);
+        EXPECT_EQ(time_diff_us(r.start, r.end), r.us);
     }
 }
 }  // namespace
