@@ -58,6 +58,7 @@ protected:
             "port": 1, "sub-configs": [
             {"class": "a", "code": "0x10", "config": ")" + sub_file + R"("},
             {"class": "b", "code": "0x11", "config": ")" + sub_file + R"(", "disable": true}]})");
+        log_capture quiet;  // the missing symbol is reported while loading
         ASSERT_TRUE(mon.parse_config(main_file));
         // No configuration yields an unknown type: forge one.
         mon.configs->mconfig->subs_map.at(0x10)->cmds.at(0xc)->type = static_cast<cmd_type_t>(7);
@@ -76,7 +77,7 @@ protected:
         c.recv_data->command = static_cast<int32_t>(command);
         c.recv_data->sub_command = static_cast<int32_t>(sub);
         c.recv_data->msg_len = static_cast<int32_t>(payload.size());
-        std::memcpy(c.recv_data->msg, payload.data(), payload.size());
+        if (!payload.empty()) std::memcpy(c.recv_data->msg, payload.data(), payload.size());
         return mon.handle_request(&c);
     }
 };
