@@ -8,7 +8,6 @@
 #include <zmq.h>
 
 #include <cstring>
-#include <memory>
 #include <random>
 #include <set>
 #include <sstream>
@@ -58,12 +57,9 @@ protected:
     temp_dir dir;
     int port = free_port();
     std::string main_file = write_config(dir, port);
-    std::unique_ptr<daemon_process> d;
+    daemon_process d{{"-c", main_file}};
 
-    void SetUp() override {
-        d = std::make_unique<daemon_process>(std::vector<std::string>{"-c", main_file});
-        ASSERT_TRUE(d->wait_ready(ep_of(port))) << d->stderr_text();
-    }
+    void SetUp() override { ASSERT_TRUE(d.wait_ready(ep_of(port))) << d.stderr_text(); }
 };
 
 std::string letters(int n) {
@@ -76,12 +72,18 @@ std::vector<uint8_t> bytes(const std::string& s) { return {s.begin(), s.end()}; 
 
 // Each kind of command answered with the right frame, and its log lines.
 TEST_F(daemon_test, serves_each_kind_of_command) {
-    pid_t child = fork();
-    if (child == 0) {
-        sleep(30);  // bounded: killed below long before
+    struct sleeper {
+        pid_t pid = fork();
+        ~sleeper() {
+            if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+        }
+    } s;
+    if (s.pid == 0) {
+        sleep(30);  // bounded; killed by PID when the test ends
         _exit(0);
     }
-    ASSERT_GT(child, 0);
+    ASSERT_GT(s.pid, 0);
+    pid_t child = s.pid;
     struct {
         const char* name;
         uint32_t sub;
@@ -114,9 +116,6 @@ TEST_F(daemon_test, serves_each_kind_of_command) {
         EXPECT_EQ(r.command, 0x10);
         EXPECT_EQ(r.sub_command, static_cast<int32_t>(tc.sub));
     }
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-
     std::vector<uint8_t> reply;
     ASSERT_TRUE(c.request(make_request(0x12, 1), reply));
     EXPECT_EQ(reply.size(), 26u);
@@ -124,11 +123,11 @@ TEST_F(daemon_test, serves_each_kind_of_command) {
     ASSERT_TRUE(c.request(make_request(0xEAEA, 1), reply));
     ASSERT_EQ(reply.size(), 49u);
     EXPECT_EQ(reply[44], 1);
-    ASSERT_TRUE(d->wait_stderr("Handle request error with -22"));
-    EXPECT_TRUE(has_log(*d, "VO_MONITOR", 'I', "vireo-monitor listening 127.0.0.1:" + std::to_string(port)));
-    EXPECT_TRUE(has_log(*d, "VO_MONITOR", 'E', "No command 0x12 in " + main_file));
-    EXPECT_TRUE(has_log(*d, "VO_MONITOR", 'E', "Handle request error with -7"));
-    EXPECT_TRUE(has_log(*d, "VO_MONITOR", 'I', "send get_client_id 1"));
+    ASSERT_TRUE(d.wait_stderr("Handle request error with -22"));
+    EXPECT_TRUE(has_log(d, "VO_MONITOR", 'I', "vireo-monitor listening 127.0.0.1:" + std::to_string(port)));
+    EXPECT_TRUE(has_log(d, "VO_MONITOR", 'E', "No command 0x12 in " + main_file));
+    EXPECT_TRUE(has_log(d, "VO_MONITOR", 'E', "Handle request error with -7"));
+    EXPECT_TRUE(has_log(d, "VO_MONITOR", 'I', "send get_client_id 1"));
 }
 
 // Exit status, stdout and stderr of each way the command line can go.
@@ -284,7 +283,7 @@ TEST_F(daemon_test, survives_hostile_input) {
         ASSERT_TRUE(good.request(make_request(0x10, 3, bytes(tc.name)), reply));
         EXPECT_EQ(parse_reply(reply).payload, tc.name);
     }
-    EXPECT_TRUE(d->running());
+    EXPECT_TRUE(d.running());
 }
 
 }  // namespace
