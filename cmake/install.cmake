@@ -1,0 +1,79 @@
+# What `cmake --install` and the Debian packages put where. Included at the
+# end of the top-level CMakeLists.txt, once every target exists.
+#
+# Everything installs under relative destinations, so `--prefix` and DESTDIR
+# move it all; a package build sets CMAKE_INSTALL_SYSCONFDIR=/etc to keep the
+# configuration out of /usr. The configuration files are written at install
+# time, when the final prefix is known, with absolute paths to each other and
+# to the plug-ins.
+include(CMakePackageConfigHelpers)
+
+# Plug-ins are private to the daemon and named by path in the configuration,
+# so their folder is the same on every architecture (no multiarch triplet).
+set(VIREO_PLUGIN_INSTALL_DIR lib/vireo-monitor/plugins)
+set(VIREO_INCLUDE_INSTALL_DIR ${CMAKE_INSTALL_INCLUDEDIR}/vireo-monitor)
+# The SDK holds headers and flags only: nothing in it depends on the
+# architecture, so it lives under share/.
+set(VIREO_CMAKE_INSTALL_DIR ${CMAKE_INSTALL_DATADIR}/cmake/vireo-monitor)
+set(VIREO_PKGCONFIG_INSTALL_DIR ${CMAKE_INSTALL_DATADIR}/pkgconfig)
+
+# --- programs and the plug-ins we ship --------------------------------------
+# The daemon is started by the service manager, not by users: sbin/.
+install(TARGETS vireo-monitor RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+if(TARGET vireo-client)
+  install(TARGETS vireo-client RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+if(TARGET vireo_probe)
+  install(TARGETS vireo_probe LIBRARY DESTINATION ${VIREO_PLUGIN_INSTALL_DIR})
+endif()
+
+# --- configuration ----------------------------------------------------------
+install(CODE "
+  set(VIREO_CONFIG_SOURCE_DIR \"${PROJECT_SOURCE_DIR}/config\")
+  set(VIREO_SYSCONFDIR \"${CMAKE_INSTALL_SYSCONFDIR}\")
+  set(VIREO_PLUGIN_INSTALL_DIR \"${VIREO_PLUGIN_INSTALL_DIR}\")
+  set(VIREO_WITH_PROBE \"$<TARGET_EXISTS:vireo_probe>\")")
+install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/install_config.cmake)
+
+# --- service and manual pages -----------------------------------------------
+set(VIREO_SERVICE_FILE ${CMAKE_BINARY_DIR}/packaging/vireo-monitor.service)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/vireo-monitor.service.in
+               ${VIREO_SERVICE_FILE} @ONLY)
+install(FILES ${VIREO_SERVICE_FILE} DESTINATION lib/systemd/system)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/vireo-monitor.8
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+if(TARGET vireo-client)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/vireo-client.1
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
+
+# --- plug-in SDK ------------------------------------------------------------
+install(FILES
+          ${PROJECT_SOURCE_DIR}/include/common_func.h
+          ${PROJECT_SOURCE_DIR}/include/server_comm.h
+          ${PROJECT_SOURCE_DIR}/packaging/sdk/vireo_plugin.h
+        DESTINATION ${VIREO_INCLUDE_INSTALL_DIR})
+
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/packaging/sdk/vireo-monitor-config.cmake.in
+  ${CMAKE_BINARY_DIR}/packaging/vireo-monitor-config.cmake
+  INSTALL_DESTINATION ${VIREO_CMAKE_INSTALL_DIR}
+  PATH_VARS VIREO_INCLUDE_INSTALL_DIR VIREO_PLUGIN_INSTALL_DIR)
+write_basic_package_version_file(
+  ${CMAKE_BINARY_DIR}/packaging/vireo-monitor-config-version.cmake
+  COMPATIBILITY SameMinorVersion ARCH_INDEPENDENT)
+install(FILES
+          ${CMAKE_BINARY_DIR}/packaging/vireo-monitor-config.cmake
+          ${CMAKE_BINARY_DIR}/packaging/vireo-monitor-config-version.cmake
+        DESTINATION ${VIREO_CMAKE_INSTALL_DIR})
+
+# The .pc file finds its prefix from its own place, like the CMake package.
+file(RELATIVE_PATH VIREO_PC_TO_PREFIX
+     /${VIREO_PKGCONFIG_INSTALL_DIR} /)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/sdk/vireo-monitor.pc.in
+               ${CMAKE_BINARY_DIR}/packaging/vireo-monitor.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/vireo-monitor.pc
+        DESTINATION ${VIREO_PKGCONFIG_INSTALL_DIR})
+
+# --- Debian package ---------------------------------------------------------
+include(${CMAKE_CURRENT_LIST_DIR}/package.cmake)
