@@ -29,39 +29,43 @@ protected:
     monitor mon;
 
     void SetUp() override {
-        for (const char* name : {"1000.txt", "0.txt", "4294967295.txt", "42-$pid.txt",
-                                 "cost$5.txt"}) {
+        for (const char* name :
+             {"1000.txt", "0.txt", "4294967295.txt", "42-$pid.txt", "cost$5.txt"}) {
             dir.write(name, std::string("from ") + name);
         }
         dir.write("data.txt", "hello vireo\n");
         dir.write("empty.txt", "");
         dir.write("big.txt", big());
-        std::string d = dir.path() + "/";
-        std::string lib = test_plugin_dir() + "/libvireo_test_plugin.so";
-        auto file = [&](const char* id, const std::string& path, const char* extra = "") {
-            return std::string(R"({"name": "n", "id": ")") + id + R"(", "type": "file", "file": ")" +
-                   path + "\"" + extra + "},";
-        };
-        auto custom = [&](const char* id, const char* sym) {
-            return std::string(R"({"name": "n", "id": ")") + id +
-                   R"(", "type": "custom", "lib": ")" + lib + R"(", "symbols": ")" + sym + "\"},";
-        };
-        sub_file = dir.write("sub.json", "{\"cmd-list\": [" + file("1", d + "data.txt") +
-                                             file("2", d + "big.txt") + file("3", d + "missing.txt") +
-                                             file("4", d + "$pid.txt") + file("5", d + "$pid-$pid.txt") +
-                                             file("6", d + "cost$5.txt") + custom("7", "plugin_echo") +
-                                             custom("8", "plugin_len") + custom("9", "no_such_symbol") +
-                                             file("a", d + "data.txt", R"(, "disable": true)") +
-                                             file("b", d + "empty.txt") + file("c", d + "data.txt") +
-                                             "]}");
-        main_file = dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1",
-            "port": 1, "sub-configs": [
-            {"class": "a", "code": "0x10", "config": ")" + sub_file + R"("},
-            {"class": "b", "code": "0x11", "config": ")" + sub_file + R"(", "disable": true}]})");
+        // @ stands for the directory, LIB for the test plug-in.
+        std::string sub = R"({"cmd-list": [
+            {"name": "n", "id": "1", "type": "file", "file": "@/data.txt"},
+            {"name": "n", "id": "2", "type": "file", "file": "@/big.txt"},
+            {"name": "n", "id": "3", "type": "file", "file": "@/missing.txt"},
+            {"name": "n", "id": "4", "type": "file", "file": "@/$pid.txt"},
+            {"name": "n", "id": "5", "type": "file", "file": "@/$pid-$pid.txt"},
+            {"name": "n", "id": "6", "type": "file", "file": "@/cost$5.txt"},
+            {"name": "n", "id": "7", "type": "custom", "lib": "LIB", "symbols": "plugin_echo"},
+            {"name": "n", "id": "8", "type": "custom", "lib": "LIB", "symbols": "plugin_len"},
+            {"name": "n", "id": "9", "type": "custom", "lib": "LIB", "symbols": "no_such_symbol"},
+            {"name": "n", "id": "a", "type": "file", "file": "@/data.txt", "disable": true},
+            {"name": "n", "id": "b", "type": "file", "file": "@/empty.txt"},
+            {"name": "n", "id": "c", "type": "file", "file": "@/data.txt"}]})";
+        sub_file =
+            dir.write("sub.json", replace_all(replace_all(sub, "@", dir.path()), "LIB",
+                                              test_plugin_dir() + "/libvireo_test_plugin.so"));
+        main_file = dir.write("main.json", replace_all(R"({"mode": "m", "server_ip": "127.0.0.1",
+            "port": 1, "sub-configs": [{"class": "a", "code": "0x10", "config": "SUB"},
+            {"class": "b", "code": "0x11", "config": "SUB", "disable": true}]})",
+                                                       "SUB", sub_file));
         log_capture quiet;  // the missing symbol is reported while loading
         ASSERT_TRUE(mon.parse_config(main_file));
         // No configuration yields an unknown type: forge one.
         mon.configs->mconfig->subs_map.at(0x10)->cmds.at(0xc)->type = static_cast<cmd_type_t>(7);
+    }
+
+    static std::string replace_all(std::string s, const std::string& from, const std::string& to) {
+        for (size_t at; (at = s.find(from)) != std::string::npos;) s.replace(at, from.size(), to);
+        return s;
     }
 
     static std::string big() {
@@ -77,12 +81,15 @@ protected:
         c.recv_data->command = static_cast<int32_t>(command);
         c.recv_data->sub_command = static_cast<int32_t>(sub);
         c.recv_data->msg_len = static_cast<int32_t>(payload.size());
-        if (!payload.empty()) std::memcpy(c.recv_data->msg, payload.data(), payload.size());
+        if (!payload.empty())
+            std::memcpy(c.recv_data->msg, payload.data(), payload.size());
         return mon.handle_request(&c);
     }
 };
 
-std::vector<uint8_t> le32(int32_t v) { return pid_payload(static_cast<uint32_t>(v)); }
+std::vector<uint8_t> le32(int32_t v) {
+    return pid_payload(static_cast<uint32_t>(v));
+}
 
 std::string letters(int n) {
     std::string s;
@@ -92,11 +99,15 @@ std::string letters(int n) {
 
 // Every result of the dispatch, its reply bytes and its exact log lines.
 TEST_F(handle_request_test, results_table) {
-    std::string d = dir.path() + "/";
+    auto err = [](const std::string& text) {
+        return std::vector<log_line>{{E, "VO_MONITOR", text}};
+    };
+    std::string no_file = "read_file no such file: " + dir.path() + "/missing.txt\n";
+    // clang-format off
     std::vector<request_case> cases = {
         {"file", 0x10, 1, {}, 12, "hello vireo\n", {}},
         {"file over capacity", 0x10, 2, {}, 8191, big().substr(0, 8191) + '\0', {}},
-        {"missing file", 0x10, 3, {}, -2, "", {{E, null_tag(), "read_file no such file: " + d + "missing.txt\n"}}},
+        {"missing file", 0x10, 3, {}, -2, "", {{E, null_tag(), no_file}}},
         {"pid 1000", 0x10, 4, {0xE8, 0x03, 0, 0}, 13, "from 1000.txt", {}},
         {"pid absent", 0x10, 4, {}, 10, "from 0.txt", {}},
         {"pid unsigned", 0x10, 4, le32(-1), 19, "from 4294967295.txt", {}},
@@ -111,12 +122,13 @@ TEST_F(handle_request_test, results_table) {
         {"disabled command", 0x10, 0xa, {}, 12, "hello vireo\n", {}},
         {"disabled group", 0x11, 1, {}, 12, "hello vireo\n", {}},
         {"empty file", 0x10, 0xb, {}, 0, "", {}},
-        {"unknown type", 0x10, 0xc, {}, -22, "", {{E, "VO_MONITOR", "Not support cmd type:7\n"}}},
-        {"unknown command", 0x12, 1, {}, -22, "", {{E, "VO_MONITOR", "No command 0x12 in " + main_file + "\n"}}},
-        {"unknown sub-command", 0x10, 0x99, {}, -22, "", {{E, "VO_MONITOR", "No sub-command 0x99 in " + sub_file + "\n"}}},
-        {"unknown internal", 0xEAEA, 3, {}, -22, "", {{E, "VO_MONITOR", "Not support 3 internal cmd"}}},
-        {"sign bit command", 0xFFFFFFFF, 0x80000000, {}, -22, "", {{E, "VO_MONITOR", "No command 0xffffffff in " + main_file + "\n"}}},
+        {"unknown type", 0x10, 0xc, {}, -22, "", err("Not support cmd type:7\n")},
+        {"unknown command", 0x12, 1, {}, -22, "", err("No command 0x12 in " + main_file + "\n")},
+        {"unknown sub", 0x10, 0x99, {}, -22, "", err("No sub-command 0x99 in " + sub_file + "\n")},
+        {"unknown internal", 0xEAEA, 3, {}, -22, "", err("Not support 3 internal cmd")},
+        {"top", 0xFFFFFFFF, 1, {}, -22, "", err("No command 0xffffffff in " + main_file + "\n")},
     };
+    // clang-format on
     size_t groups = mon.configs->mconfig->subs_map.size();
     size_t cmds = mon.configs->mconfig->subs_map.at(0x10)->cmds.size();
     for (const auto& tc : cases) {
@@ -124,7 +136,8 @@ TEST_F(handle_request_test, results_table) {
         comm_data c(nullptr);
         log_capture logs;
         EXPECT_EQ(run(c, tc.command, tc.sub_command, tc.payload), tc.result);
-        EXPECT_EQ(std::string(reinterpret_cast<char*>(c.send_data->msg), tc.reply.size()), tc.reply);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(c.send_data->msg), tc.reply.size()),
+                  tc.reply);
         EXPECT_EQ(logs.lines(), tc.logs);
     }
     // Failed look-ups never add entries.
