@@ -39,14 +39,17 @@ std::string dir;
 
 void quiet_logger(const struct __android_logger_data*, const char*) {}
 
-void remove_dir() { std::filesystem::remove_all(dir); }
+void remove_dir() {
+    std::filesystem::remove_all(dir);
+}
 
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 std::string substitute(std::string text, const std::string& mark, const std::string& with) {
-    for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + with.size())) {
+    for (size_t at = text.find(mark); at != std::string::npos;
+         at = text.find(mark, at + with.size())) {
         text.replace(at, mark.size(), with);
     }
     return text;

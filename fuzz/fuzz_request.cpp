@@ -37,7 +37,9 @@ void write_file(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-void remove_dir() { std::filesystem::remove_all(h->dir); }
+void remove_dir() {
+    std::filesystem::remove_all(h->dir);
+}
 
 void fail(const char* what) {
     fprintf(stderr, "fuzz_request: %s\n", what);
@@ -51,7 +53,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     __android_log_set_logger(quiet_logger);
     h = new harness;
     char tmpl[] = "/tmp/vireo-fuzz-request-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) fail("mkdtemp");
+    if (mkdtemp(tmpl) == nullptr)
+        fail("mkdtemp");
     h->dir = tmpl;
     atexit(remove_dir);
 
@@ -60,22 +63,29 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     write_file(h->dir + "/sub.json",
                "{ \"cmd-list\": [\n"
                " {\"name\": \"status\", \"id\": \"1\", \"type\": \"file\", \"file\": \"" +
-                   h->dir + "/status\"},\n"
-               " {\"name\": \"stat\", \"id\": \"2\", \"type\": \"file\", \"file\": \"/proc/$pid/stat\"},\n"
-               " {\"name\": \"echo\", \"id\": \"3\", \"type\": \"custom\", \"lib\": \"" + plugin +
+                   h->dir +
+                   "/status\"},\n"
+                   " {\"name\": \"stat\", \"id\": \"2\", \"type\": \"file\", \"file\": "
+                   "\"/proc/$pid/stat\"},\n"
+                   " {\"name\": \"echo\", \"id\": \"3\", \"type\": \"custom\", \"lib\": \"" +
+                   plugin +
                    "\", \"symbols\": \"plugin_echo\"},\n"
-               " {\"name\": \"len\", \"id\": \"4\", \"type\": \"custom\", \"lib\": \"" + plugin +
+                   " {\"name\": \"len\", \"id\": \"4\", \"type\": \"custom\", \"lib\": \"" +
+                   plugin +
                    "\", \"symbols\": \"plugin_len\"},\n"
-               " {\"name\": \"nosym\", \"id\": \"5\", \"type\": \"custom\", \"lib\": \"" + plugin +
+                   " {\"name\": \"nosym\", \"id\": \"5\", \"type\": \"custom\", \"lib\": \"" +
+                   plugin +
                    "\", \"symbols\": \"no_such_symbol\"},\n"
-               " {\"name\": \"gone\", \"id\": \"6\", \"type\": \"file\", \"file\": \"" + h->dir +
+                   " {\"name\": \"gone\", \"id\": \"6\", \"type\": \"file\", \"file\": \"" +
+                   h->dir +
                    "/gone$x\"}\n"
-               "] }\n");
+                   "] }\n");
     write_file(h->dir + "/main.json",
                "{ \"mode\": \"server\", \"server_ip\": \"127.0.0.1\", \"port\": 1,\n"
                "  \"sub-configs\": [ {\"class\": \"fuzz\", \"code\": \"10\", \"config\": \"" +
                    h->dir + "/sub.json\"} ] }\n");
-    if (!h->mon.parse_config(h->dir + "/main.json")) fail("configuration did not load");
+    if (!h->mon.parse_config(h->dir + "/main.json"))
+        fail("configuration did not load");
 
     h->ctx = zmq_ctx_new();
     h->rep = zmq_socket(h->ctx, ZMQ_REP);
@@ -85,15 +95,19 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
         zmq_setsockopt(s, ZMQ_LINGER, &linger, sizeof linger);
         zmq_setsockopt(s, ZMQ_RCVTIMEO, &timeout_ms, sizeof timeout_ms);
     }
-    if (zmq_bind(h->rep, "inproc://fuzz_request") != 0) fail("bind");
-    if (zmq_connect(h->req, "inproc://fuzz_request") != 0) fail("connect");
+    if (zmq_bind(h->rep, "inproc://fuzz_request") != 0)
+        fail("bind");
+    if (zmq_connect(h->req, "inproc://fuzz_request") != 0)
+        fail("connect");
     h->comm = new comm_data(h->rep);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (zmq_send(h->req, data, size, 0) != static_cast<int>(size)) fail("send");
-    if (h->comm->recv_msg() < 0) fail("recv_msg");
+    if (zmq_send(h->req, data, size, 0) != static_cast<int>(size))
+        fail("send");
+    if (h->comm->recv_msg() < 0)
+        fail("recv_msg");
     int ret = h->mon.handle_request(h->comm);
     h->mon.ack_request(ret, h->comm);
 
@@ -101,8 +115,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // result above 8192), every request gets exactly one reply.
     uint8_t reply[8192 + 48 + 16];
     int n = zmq_recv(h->req, reply, sizeof reply, 0);
-    if (n < 0) fail("no reply");
-    if (size >= 8 && n >= 8 && memcmp(reply, data, 8) != 0) fail("reply names another command");
-    if (ret <= max_reply_len && ret >= -40 && n != ret + 48) fail("reply length differs from the result");
+    if (n < 0)
+        fail("no reply");
+    if (size >= 8 && n >= 8 && memcmp(reply, data, 8) != 0)
+        fail("reply names another command");
+    if (ret <= max_reply_len && ret >= -40 && n != ret + 48)
+        fail("reply length differs from the result");
     return 0;
 }

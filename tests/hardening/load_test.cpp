@@ -15,10 +15,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -48,12 +46,11 @@ figures figures_of(pid_t pid) {
     figures f;
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     for (std::string key; in >> key;) {
-        if (key == "VmRSS:") in >> f.rss_kib;
+        if (key == "VmRSS:")
+            in >> f.rss_kib;
     }
-    for (auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
-        (void)e;
-        f.fds++;
-    }
+    std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd");
+    f.fds = static_cast<int>(std::distance(fds, std::filesystem::directory_iterator{}));
     return f;
 }
 
@@ -67,7 +64,6 @@ pid_t spawn_sleeper() {
     return pid;
 }
 
-std::vector<uint8_t> u32(uint32_t v) { return pid_payload(v); }
 std::string pattern(int n) {
     std::string s;
     for (int i = 0; i < n; i++) s += static_cast<char>('a' + i % 26);
@@ -85,40 +81,53 @@ protected:
     // 4 plugin_len, 5 and 6 fixed files that the fault steps change, 7 a
     // plug-in command whose symbol is missing.
     void SetUp() override {
-        std::string lib = test_plugin_dir() + "/libvireo_test_plugin.so";
-        auto file = [&](const char* id, const std::string& path) {
-            return R"({"name": "f", "id": ")" + std::string(id) + R"(", "type": "file", "file": ")" + path + "\"},";
-        };
-        auto custom = [&](const char* id, const char* sym) {
-            return R"({"name": "c", "id": ")" + std::string(id) + R"(", "type": "custom", "lib": ")" + lib +
-                   R"(", "symbols": ")" + sym + "\"}";
-        };
-        std::string sub = dir.write(
-            "sub.json", "{\"cmd-list\": [" + file("1", dir.write("status", status_text)) +
-                            file("2", "/proc/$pid/stat") + file("5", dir.write("victim", "old contents\n")) +
-                            file("6", dir.write("shrink", "0123456789\n")) + custom("3", "plugin_echo") + "," +
-                            custom("4", "plugin_len") + "," + custom("7", "no_such_symbol") + "]}");
+        dir.write("status", status_text);
+        dir.write("victim", "old contents\n");
+        dir.write("shrink", "0123456789\n");
+        std::string sub = R"({"cmd-list": [
+            {"name": "status", "id": "1", "type": "file", "file": "DIR/status"},
+            {"name": "stat", "id": "2", "type": "file", "file": "/proc/$pid/stat"},
+            {"name": "victim", "id": "5", "type": "file", "file": "DIR/victim"},
+            {"name": "shrink", "id": "6", "type": "file", "file": "DIR/shrink"},
+            {"name": "echo", "id": "3", "type": "custom", "lib": "LIB", "symbols": "plugin_echo"},
+            {"name": "len", "id": "4", "type": "custom", "lib": "LIB", "symbols": "plugin_len"},
+            {"name": "none", "id": "7", "type": "custom", "lib": "LIB", "symbols": "no_such"}]})";
+        for (size_t at; (at = sub.find("DIR")) != std::string::npos;)
+            sub.replace(at, 3, dir.path());
+        for (size_t at; (at = sub.find("LIB")) != std::string::npos;)
+            sub.replace(at, 3, test_plugin_dir() + "/libvireo_test_plugin.so");
         std::string main = dir.write(
-            "main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) +
-                             R"(, "sub-configs": [{"class": "load", "code": "0x10", "config": ")" + sub + "\"}]}");
+            "main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" +
+                             std::to_string(port) +
+                             R"(, "sub-configs": [{"class": "load", "code": "0x10", "config": ")" +
+                             dir.write("sub.json", sub) + "\"}]}");
         // A small quarantine keeps a sanitized daemon's memory figures about
-        // the daemon, not about AddressSanitizer's delayed frees.
+        // the daemon, not about AddressSanitizer's delayed frees. Only children
+        // read it: this process's sanitizer started long before.
         const char* asan = getenv("ASAN_OPTIONS");
-        setenv("ASAN_OPTIONS", ((asan ? std::string(asan) + ":" : "") + "quarantine_size_mb=4").c_str(), 1);
+        setenv("ASAN_OPTIONS",
+               ((asan ? std::string(asan) + ":" : "") + "quarantine_size_mb=4").c_str(), 1);
         daemon = std::make_unique<daemon_process>(std::vector<std::string>{"-c", main});
-        if (asan) setenv("ASAN_OPTIONS", asan, 1); else unsetenv("ASAN_OPTIONS");
         ASSERT_TRUE(daemon->wait_ready(endpoint)) << daemon->stderr_text();
     }
 };
 
 // Checks one reply against its request; returns an empty text when it fits.
-std::string check(const std::vector<uint8_t>& req, const std::vector<uint8_t>& reply, int32_t msg_len,
-                  const std::string& payload_prefix) {
+// any_len accepts any positive msg_len.
+constexpr int32_t any_len = INT32_MIN;
+std::string check(const std::vector<uint8_t>& req, const std::vector<uint8_t>& reply,
+                  int32_t msg_len, const std::string& payload_prefix) {
     reply_view r = parse_reply(reply);
-    if (reply.size() < 12 || memcmp(reply.data(), req.data(), 8) != 0) return "reply for another command";
-    if (msg_len >= 0 && reply.size() != static_cast<size_t>(msg_len) + 48) return "size " + std::to_string(reply.size());
-    if (r.msg_len != msg_len) return "msg_len " + std::to_string(r.msg_len) + " want " + std::to_string(msg_len);
-    if (r.payload.compare(0, payload_prefix.size(), payload_prefix) != 0) return "payload '" + r.payload + "'";
+    if (msg_len == any_len && r.msg_len > 0)
+        msg_len = r.msg_len;
+    if (reply.size() < 12 || memcmp(reply.data(), req.data(), 8) != 0)
+        return "reply for another command";
+    if (msg_len >= 0 && reply.size() != static_cast<size_t>(msg_len) + 48)
+        return "size " + std::to_string(reply.size());
+    if (r.msg_len != msg_len)
+        return "msg_len " + std::to_string(r.msg_len) + " want " + std::to_string(msg_len);
+    if (r.payload.compare(0, payload_prefix.size(), payload_prefix) != 0)
+        return "payload '" + r.payload + "'";
     return "";
 }
 
@@ -126,36 +135,38 @@ std::atomic<bool> id_held[256];
 
 // One client's share of the load: every command kind in turn, each reply
 // checked against its own request. Returns requests answered correctly.
-long client_load(const std::string& ep, int t, long count, clock_type::time_point until, pid_t other,
-                 std::atomic<long>& errors, std::mutex& m, std::vector<std::string>& failures) {
+long client_load(const std::string& ep, int t, long count, clock_type::time_point until,
+                 pid_t other, std::atomic<long>& errors, std::mutex& m,
+                 std::vector<std::string>& failures) {
     zmq_client c(ep, 5000);
     long ok = 0;
     for (long i = 0; i < count && clock_type::now() < until; i++) {
-        std::vector<uint8_t> req, reply;
         std::string what, tag = "client " + std::to_string(t) + "-" + std::to_string(i);
-        int kind = static_cast<int>((i + t) % 6), n = static_cast<int>((i * 37 + t) % 2000);
-        pid_t pid = kind == 2 ? getpid() : other;
-        if (kind == 0) req = make_request(0x10, 3, std::vector<uint8_t>(tag.begin(), tag.end()));
-        if (kind == 1) req = make_request(0x10, 1);
-        if (kind == 2 || kind == 3) req = make_request(0x10, 2, u32(static_cast<uint32_t>(pid)));
-        if (kind == 4) req = make_request(0x10, 4, u32(static_cast<uint32_t>(n)));
-        if (kind == 5) req = make_request(0xEAEA, 1);
-        if (!c.request(req, reply)) {
-            what = "no reply";
-        } else if (kind == 0) {
-            what = check(req, reply, static_cast<int32_t>(tag.size()), tag);
-        } else if (kind == 1) {
-            what = check(req, reply, static_cast<int32_t>(status_text.size()), status_text);
-        } else if (kind == 2 || kind == 3) {
-            std::string head = std::to_string(pid) + " (";
-            what = check(req, reply, parse_reply(reply).msg_len, head);
-        } else if (kind == 4) {
-            what = check(req, reply, n, pattern(n));
-        } else if ((what = check(req, reply, 1, "")).empty()) {
+        int32_t n = static_cast<int32_t>((i * 37 + t) % 2000);
+        // Each kind's request, its reply's msg_len and payload start.
+        struct {
+            std::vector<uint8_t> req;
+            int32_t msg_len;
+            std::string head;
+        } kinds[] = {
+            {make_request(0x10, 3, {tag.begin(), tag.end()}), int32_t(tag.size()), tag},
+            {make_request(0x10, 1), int32_t(status_text.size()), status_text},
+            {make_request(0x10, 2, pid_payload(getpid())), any_len,
+             std::to_string(getpid()) + " ("},
+            {make_request(0x10, 2, pid_payload(other)), any_len, std::to_string(other) + " ("},
+            {make_request(0x10, 4, pid_payload(n)), n, pattern(n)},
+            {make_request(0xEAEA, 1), 1, ""}};
+        int kind = static_cast<int>((i + t) % 6);
+        auto& k = kinds[kind];
+        std::vector<uint8_t> reply;
+        what = c.request(k.req, reply) ? check(k.req, reply, k.msg_len, k.head) : "no reply";
+        if (kind == 5 && what.empty()) {
             int id = reply[44];
-            if (id == 0 || id_held[id].exchange(true)) what = "client id " + std::to_string(id) + " handed out twice";
+            if (id == 0 || id_held[id].exchange(true))
+                what = "client id " + std::to_string(id) + " handed out twice";
             id_held[id] = false;  // before the daemon can hand it out again
-            if (!c.request(make_request(0xEAEA, 2, {static_cast<uint8_t>(id)}), reply)) what = "no reply to release";
+            if (!c.request(make_request(0xEAEA, 2, {static_cast<uint8_t>(id)}), reply))
+                what = "no reply to release";
         }
         if (what.empty()) {
             ok++;
@@ -164,7 +175,8 @@ long client_load(const std::string& ep, int t, long count, clock_type::time_poin
         errors++;
         std::lock_guard<std::mutex> lock(m);
         failures.push_back(tag + " kind " + std::to_string(kind) + ": " + what);
-        if (what.rfind("no reply", 0) == 0) break;  // the REQ socket is stuck after a timeout
+        if (what.rfind("no reply", 0) == 0)
+            break;  // the REQ socket is stuck after a timeout
     }
     return ok;
 }
@@ -181,7 +193,8 @@ TEST_F(hardening, concurrent_clients_get_their_own_replies_under_faults) {
     pid_t sleeper = spawn_sleeper(), gone = spawn_sleeper();  // forked before any thread starts
     zmq_client probe(endpoint, 5000);
     std::vector<uint8_t> reply;
-    for (uint32_t id : {1, 5, 6}) ASSERT_TRUE(probe.request(make_request(0x10, id), reply));  // caches the files
+    for (uint32_t id : {1, 5, 6})
+        ASSERT_TRUE(probe.request(make_request(0x10, id), reply));  // caches the files
 
     std::atomic<long> served{0}, errors{0};
     std::mutex m;
@@ -189,7 +202,9 @@ TEST_F(hardening, concurrent_clients_get_their_own_replies_under_faults) {
     std::vector<std::thread> threads;
     auto start_clients = [&](long n) {
         for (int t = 0; t < clients; t++) {
-            threads.emplace_back([&, t, n] { served += client_load(endpoint, t, n, until, sleeper, errors, m, failures); });
+            threads.emplace_back([&, t, n] {
+                served += client_load(endpoint, t, n, until, sleeper, errors, m, failures);
+            });
         }
     };
     // A first round lets the daemon reach its working size (connections,
@@ -211,15 +226,18 @@ TEST_F(hardening, concurrent_clients_get_their_own_replies_under_faults) {
             auto req = make_request(0x10, 3, {'q'});
             zmq_send(s, req.data(), req.size(), 0);
             zmq_close(s);
-            if (soak > 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            if (soak > 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     });
-    for (int i = 0; i < 9; i++) {  // clients that never read: 8 REQ and one DEALER with 500 requests
+    // Clients that never read: 8 REQ and one DEALER with 500 requests.
+    for (int i = 0; i < 9; i++) {
         silent.push_back(zmq_socket(ctx, i < 8 ? ZMQ_REQ : ZMQ_DEALER));
         zmq_connect(silent.back(), endpoint.c_str());
         auto req = make_request(0x10, 3, {'s'});
         for (int k = 0; k < (i < 8 ? 1 : 500); k++) {
-            if (i == 8) zmq_send(silent.back(), "", 0, ZMQ_SNDMORE);
+            if (i == 8)
+                zmq_send(silent.back(), "", 0, ZMQ_SNDMORE);
             zmq_send(silent.back(), req.data(), req.size(), 0);
         }
     }
@@ -228,28 +246,23 @@ TEST_F(hardening, concurrent_clients_get_their_own_replies_under_faults) {
     // fixed path keeps reading the inode it opened (replace and delete do not
     // show), while changes to that inode itself (truncate, rewrite) do.
     const std::string victim = dir.path() + "/victim", shrink = dir.path() + "/shrink";
-    struct step {
-        const char* what;
-        std::function<void()> change;
-        uint32_t id;
-        std::string expect;
-    } steps[] = {
-        {"replace by rename", [&] { std::filesystem::rename(dir.write("new", "new contents\n"), victim); }, 5,
-         "old contents\n"},
-        {"delete", [&] { std::filesystem::remove(victim); }, 5, "old contents\n"},
-        {"truncate to 0", [&] { std::filesystem::resize_file(shrink, 0); }, 6, ""},
-        {"rewrite in place", [&] { std::ofstream(shrink, std::ios::in | std::ios::out) << "abc"; }, 6, "abc"},
-    };
-    for (auto& s : steps) {
-        s.change();
+    auto expect_file = [&](const char* what, uint32_t id, const std::string& text) {
         for (int k = 0; k < 20; k++) {
-            auto req = make_request(0x10, s.id);
-            ASSERT_TRUE(probe.request(req, reply)) << s.what;
-            ASSERT_EQ(check(req, reply, static_cast<int32_t>(s.expect.size()), s.expect), "") << s.what;
+            auto req = make_request(0x10, id);
+            ASSERT_TRUE(probe.request(req, reply)) << what;
+            ASSERT_EQ(check(req, reply, int32_t(text.size()), text), "") << what;
         }
-    }
+    };
+    std::filesystem::rename(dir.write("new", "new contents\n"), victim);
+    expect_file("replaced by rename", 5, "old contents\n");
+    std::filesystem::remove(victim);
+    expect_file("deleted", 5, "old contents\n");
+    std::filesystem::resize_file(shrink, 0);
+    expect_file("truncated to 0", 6, "");
+    std::ofstream(shrink, std::ios::in | std::ios::out) << "abc";
+    expect_file("rewritten in place", 6, "abc");
     // A watched process that exits: answered while alive, -2 once reaped.
-    auto gone_req = make_request(0x10, 2, u32(static_cast<uint32_t>(gone)));
+    auto gone_req = make_request(0x10, 2, pid_payload(static_cast<uint32_t>(gone)));
     ASSERT_TRUE(probe.request(gone_req, reply));
     EXPECT_GT(parse_reply(reply).msg_len, 0);
     kill(gone, SIGKILL);
@@ -269,8 +282,8 @@ TEST_F(hardening, concurrent_clients_get_their_own_replies_under_faults) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         after = figures_of(daemon->pid());
     }
-    printf("load: clients=%d requests=%ld errors=%ld rss_kib=%ld->%ld fds=%d->%d\n", clients, served.load(),
-           errors.load(), before.rss_kib, after.rss_kib, before.fds, after.fds);
+    printf("load: clients=%d requests=%ld errors=%ld rss_kib=%ld->%ld fds=%d->%d\n", clients,
+           served.load(), errors.load(), before.rss_kib, after.rss_kib, before.fds, after.fds);
     for (size_t i = 0; i < failures.size() && i < 10; i++) ADD_FAILURE() << failures[i];
     EXPECT_EQ(errors, 0);
     if (soak == 0) {
@@ -292,12 +305,13 @@ TEST_F(hardening, plugin_results_of_every_kind) {
         int32_t value, msg_len;
         size_t size;
         std::string payload;
-    } cases[] = {{4, 0, 0, 48, ""},           {4, 100, 100, 148, pattern(100)}, {4, 8192, 8192, 8240, pattern(8192)},
-                 {4, -5, -5, 43, ""},         {4, -100, -100, 12, ""},         {4, 9000, 5, 53, "self!"},
-                 {7, 0, -6, 42, ""}};
+    } cases[] = {
+        {4, 0, 0, 48, ""},   {4, 100, 100, 148, pattern(100)}, {4, 8192, 8192, 8240, pattern(8192)},
+        {4, -5, -5, 43, ""}, {4, -100, -100, 12, ""},          {4, 9000, 5, 53, "self!"},
+        {7, 0, -6, 42, ""}};
     zmq_client c(endpoint, 5000);
     for (const auto& k : cases) {
-        auto req = make_request(0x10, k.sub, u32(static_cast<uint32_t>(k.value)));
+        auto req = make_request(0x10, k.sub, pid_payload(static_cast<uint32_t>(k.value)));
         std::vector<uint8_t> reply;
         ASSERT_TRUE(c.request(req, reply)) << "value " << k.value;
         EXPECT_EQ(reply.size(), k.size) << "value " << k.value;
