@@ -1,5 +1,0 @@
-// libzmq is not built with ThreadSanitizer: its I/O thread copies and frees
-// message data handed over through lock-free pipes whose atomics the
-// sanitizer cannot see, so every TCP message looks like a race. Ignore what
-// happens inside libzmq; races in our own code are still reported.
-extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:libzmq.so.5\n"; }
