@@ -19,8 +19,16 @@ set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/${VIREO_TRIPLET}/pkgconfig:/usr/share/pkgco
 unset(ENV{PKG_CONFIG_PATH})
 
 # ctest, gtest discovery and the tests that start the daemon run arm64
-# programs through the emulator; -L gives it the cross loader and libc.
+# programs through the emulator. The multiarch libc6:arm64 (pulled in by the
+# -dev packages) gives it the loader and libraries at their usual places;
+# only without it does -L point it at the cross compiler's own copies, whose
+# libc may differ from the multiarch one in version: a mixed pair hangs the
+# first thread a program starts.
 find_program(VIREO_QEMU NAMES qemu-aarch64 qemu-aarch64-static)
 if(VIREO_QEMU)
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${VIREO_QEMU} -L /usr/${VIREO_TRIPLET})
+  if(EXISTS /lib/ld-linux-aarch64.so.1)
+    set(CMAKE_CROSSCOMPILING_EMULATOR ${VIREO_QEMU})
+  else()
+    set(CMAKE_CROSSCOMPILING_EMULATOR ${VIREO_QEMU} -L /usr/${VIREO_TRIPLET})
+  endif()
 endif()

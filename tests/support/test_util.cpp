@@ -151,6 +151,25 @@ reply_view parse_reply(const std::vector<uint8_t>& f) {
 }
 
 std::string daemon_path() { return VIREO_MONITOR_BIN; }
+
+std::vector<std::string> emulator_prefix() {
+    std::vector<std::string> words;
+#ifdef VIREO_EMULATOR
+    // The build's emulator command, its words separated by '|'.
+    std::string s = VIREO_EMULATOR;
+    for (size_t start = 0, end; start <= s.size(); start = end + 1) {
+        end = s.find('|', start);
+        if (end == std::string::npos) {
+            end = s.size();
+        }
+        if (end > start) {
+            words.push_back(s.substr(start, end - start));
+        }
+    }
+#endif
+    return words;
+}
+
 std::string test_plugin_dir() { return VIREO_TEST_PLUGIN_DIR; }
 
 daemon_process::daemon_process(const std::vector<std::string>& args) {
@@ -160,7 +179,8 @@ daemon_process::daemon_process(const std::vector<std::string>& args) {
     int err_fd = mkstemp(err_tmpl);
     out_file = out_tmpl;
     err_file = err_tmpl;
-    std::vector<std::string> argv_s{daemon_path()};
+    std::vector<std::string> argv_s = emulator_prefix();
+    argv_s.push_back(daemon_path());
     argv_s.insert(argv_s.end(), args.begin(), args.end());
     child = fork();
     if (child == 0) {

@@ -74,6 +74,10 @@ reply_view parse_reply(const std::vector<uint8_t>& frame);
 
 // The daemon binary built with the tests.
 std::string daemon_path();
+// The command that runs a built program in a cross build (e.g. qemu-aarch64
+// -L /usr/aarch64-linux-gnu), to put before its path in an exec; empty in a
+// native build.
+std::vector<std::string> emulator_prefix();
 // A directory of plug-ins built by the test build.
 std::string test_plugin_dir();
 
