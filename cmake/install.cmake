@@ -32,7 +32,8 @@ install(CODE "
   set(VIREO_CONFIG_SOURCE_DIR \"${PROJECT_SOURCE_DIR}/config\")
   set(VIREO_SYSCONFDIR \"${CMAKE_INSTALL_SYSCONFDIR}\")
   set(VIREO_PLUGIN_INSTALL_DIR \"${VIREO_PLUGIN_INSTALL_DIR}\")
-  set(VIREO_WITH_PROBE \"$<TARGET_EXISTS:vireo_probe>\")")
+  set(VIREO_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
+  set(VIREO_CONFIGURED_PREFIX \"${CMAKE_INSTALL_PREFIX}\")")
 install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/install_config.cmake)
 
 # --- service and manual pages -----------------------------------------------
@@ -40,12 +41,29 @@ set(VIREO_SERVICE_FILE ${CMAKE_BINARY_DIR}/packaging/vireo-monitor.service)
 configure_file(${PROJECT_SOURCE_DIR}/packaging/vireo-monitor.service.in
                ${VIREO_SERVICE_FILE} @ONLY)
 install(FILES ${VIREO_SERVICE_FILE} DESTINATION lib/systemd/system)
-install(FILES ${PROJECT_SOURCE_DIR}/packaging/vireo-monitor.8
-        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+# Manual pages, compressed as Debian ships them (gzip -9n: reproducible).
+set(vireo_man_pages vireo-monitor.8)
 if(TARGET vireo-client)
-  install(FILES ${PROJECT_SOURCE_DIR}/packaging/vireo-client.1
-          DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  list(APPEND vireo_man_pages vireo-client.1)
 endif()
+find_program(VIREO_GZIP gzip)
+set(vireo_man_outputs "")
+foreach(page ${vireo_man_pages})
+  set(src ${PROJECT_SOURCE_DIR}/packaging/${page})
+  string(REGEX REPLACE ".*\\." "" section ${page})
+  if(VIREO_GZIP)
+    set(out ${CMAKE_BINARY_DIR}/packaging/man/${page})
+    add_custom_command(OUTPUT ${out}.gz
+      COMMAND ${CMAKE_COMMAND} -E copy ${src} ${out}
+      COMMAND ${VIREO_GZIP} -9nf ${out}
+      DEPENDS ${src} VERBATIM)
+    list(APPEND vireo_man_outputs ${out}.gz)
+    install(FILES ${out}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+  else()
+    install(FILES ${src} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+  endif()
+endforeach()
+add_custom_target(vireo_man_pages ALL DEPENDS ${vireo_man_outputs})
 
 # --- plug-in SDK ------------------------------------------------------------
 install(FILES

@@ -1,28 +1,46 @@
-# Runs at install time: writes the configuration files into
-# SYSCONFDIR/vireo-monitor with the repository-relative paths of config/
+# Runs at install time: writes the configuration files of config/ into
+# SYSCONFDIR/vireo-monitor with their repository-relative paths
 # ("config/demo/...", "build/lib/...") made absolute for the installed tree.
-# The active main.json is the demo (127.0.0.1:6600) plus the probe group;
-# the commented samples go to the sample/ folder beside it.
-if(IS_ABSOLUTE "${VIREO_SYSCONFDIR}")
+# The demo (127.0.0.1:6600) becomes the active main.json; the commented
+# samples go to the sample/ folder beside it.
+# An absolute SYSCONFDIR (/etc for a package) holds only for the prefix it was
+# configured with: `cmake --install --prefix ELSEWHERE` keeps everything,
+# the configuration too, under ELSEWHERE.
+if(IS_ABSOLUTE "${VIREO_SYSCONFDIR}" AND CMAKE_INSTALL_PREFIX STREQUAL VIREO_CONFIGURED_PREFIX)
   set(etc_dir "${VIREO_SYSCONFDIR}/vireo-monitor")
+elseif(IS_ABSOLUTE "${VIREO_SYSCONFDIR}")
+  set(etc_dir "${CMAKE_INSTALL_PREFIX}/etc/vireo-monitor")
 else()
   set(etc_dir "${CMAKE_INSTALL_PREFIX}/${VIREO_SYSCONFDIR}/vireo-monitor")
 endif()
 set(plugin_dir "${CMAKE_INSTALL_PREFIX}/${VIREO_PLUGIN_INSTALL_DIR}")
+set(daemon "${CMAKE_INSTALL_PREFIX}/${VIREO_SBINDIR}/vireo-monitor")
+
+# Opening comments that tell how to run a file from the repository root.
+set(header_demo/main.json
+"// The configuration the vireo-monitor service starts with: this machine's
+// /proc files and the probe plug-in on the loopback interface. Paths are
+// absolute; the package keeps your edits across upgrades.
+")
+set(header_sample/main.json
+"// vireo-monitor sample: every kind of command. Try it with
+//   ${daemon} -c ${etc_dir}/sample/main.json
+// Comments like these are allowed; keys not shown here are ignored.
+")
+set(header_sample/files-only.json
+"// vireo-monitor sample: file commands only, no plug-in needed. Try it with
+//   ${daemon} -c ${etc_dir}/sample/files-only.json
+")
 
 function(vireo_write_config src dst_dir)
   file(READ "${VIREO_CONFIG_SOURCE_DIR}/${src}" text)
-  string(REPLACE "\"config/demo/" "\"${etc_dir}/" text "${text}")
-  string(REPLACE "\"config/sample/" "\"${etc_dir}/sample/" text "${text}")
-  string(REPLACE "\"build/lib/" "\"${plugin_dir}/" text "${text}")
-  if(src STREQUAL "demo/main.json" AND VIREO_WITH_PROBE)
-    string(REGEX REPLACE "(\"sub-configs\"[ \t]*:[ \t]*\\[)"
-      "\\1\n    // Command 0x30: threads and callstacks of a process (probe plug-in).\n    { \"class\": \"probe\", \"code\": \"0x30\", \"config\": \"${etc_dir}/probe.json\" },"
-      text "${text}")
+  if(DEFINED header_${src})
+    string(REGEX REPLACE "^(//[^\n]*\n)+" "${header_${src}}" text "${text}")
   endif()
-  # Comments about the repository root no longer apply once installed.
-  string(REPLACE "relative to the daemon's working directory"
-                 "absolute in the installed files" text "${text}")
+  string(REPLACE "config/demo/" "${etc_dir}/" text "${text}")
+  string(REPLACE "config/sample/" "${etc_dir}/sample/" text "${text}")
+  string(REPLACE "build/lib/" "${plugin_dir}/" text "${text}")
+  string(REPLACE " (the repository root here)" "" text "${text}")
   get_filename_component(name "${src}" NAME)
   set(dst "$ENV{DESTDIR}${dst_dir}/${name}")
   message(STATUS "Installing: ${dst}")
@@ -32,12 +50,9 @@ function(vireo_write_config src dst_dir)
 endfunction()
 
 file(MAKE_DIRECTORY "$ENV{DESTDIR}${etc_dir}/sample")
-foreach(f main.json system.json process.json)
+foreach(f main.json system.json process.json probe.json)
   vireo_write_config(demo/${f} "${etc_dir}")
 endforeach()
-if(VIREO_WITH_PROBE)
-  vireo_write_config(demo/probe.json "${etc_dir}")
-endif()
 foreach(f main.json files-only.json system.json probe.json)
   vireo_write_config(sample/${f} "${etc_dir}/sample")
 endforeach()

@@ -17,7 +17,7 @@ cmake --install "$build" --prefix "$p" >"$tmp/install.log" || fail "cmake --inst
 for f in sbin/vireo-monitor bin/vireo-client etc/vireo-monitor/main.json \
          etc/vireo-monitor/sample/main.json include/vireo-monitor/vireo_plugin.h \
          share/cmake/vireo-monitor/vireo-monitor-config.cmake share/pkgconfig/vireo-monitor.pc \
-         share/man/man8/vireo-monitor.8 share/man/man1/vireo-client.1 lib/systemd/system/vireo-monitor.service; do
+         share/man/man8/vireo-monitor.8.gz share/man/man1/vireo-client.1.gz lib/systemd/system/vireo-monitor.service; do
   [ -e "$p/$f" ] || fail "not installed: $f"
 done
 # Installed configurations name nothing relative to the repository.
