@@ -6,35 +6,26 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <string>
 
 extern "C" {
-
 __attribute__((noinline)) void* vireo_helper_worker(void*) {
     for (;;) pause();
-    return nullptr;
 }
-
 __attribute__((noinline)) int vireo_helper_inner() {
-    write(1, "ready\n", 6);
     char byte;
-    ssize_t n = read(0, &byte, 1);
-    return n == 1 ? 0 : 1;
+    write(1, "ready\n", 6);
+    return read(0, &byte, 1) == 1 ? 0 : 1;
 }
-
 __attribute__((noinline)) int vireo_helper_middle() { return vireo_helper_inner() + 0; }
-
 __attribute__((noinline)) int vireo_helper_outer() { return vireo_helper_middle() + 0; }
-
 }  // extern "C"
 
 int main() {
     for (int i = 0; i < 3; i++) {
         pthread_t t;
         pthread_create(&t, nullptr, vireo_helper_worker, nullptr);
-        char name[16];
-        snprintf(name, sizeof name, "vh-worker-%d", i);
-        pthread_setname_np(t, name);
+        pthread_setname_np(t, ("vh-worker-" + std::to_string(i)).c_str());
     }
     int rc = vireo_helper_outer();
     write(1, rc == 0 ? "alive\n" : "broken\n", rc == 0 ? 6 : 7);
