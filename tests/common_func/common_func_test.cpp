@@ -159,18 +159,26 @@ TEST_F(FileCache, CachedPathKeepsItsDescriptor) {
 // paths are still served.
 TEST_F(FileCache, CapacityRule) {
     std::vector<std::string> paths;
-    for (int i = 0; i <= 300; i++) {
+    for (int i = 0; i <= 300; i++)
         paths.push_back(dir.write("c" + std::to_string(i), "content " + std::to_string(i)));
-        ASSERT_GE(file_cache::open_and_cache(paths.back()), 0) << i;
-    }
     std::string extra = dir.write("extra", "not cached");
-    size_t before = open_fds();
-    EXPECT_EQ(read_text(extra, true), "not cached");
-    EXPECT_EQ(open_fds(), before);
-    EXPECT_EQ(file_cache::open_and_cache(extra), -24);
-    EXPECT_EQ(file_cache::open_and_cache(dir.path() + "/missing"), -24);
-    EXPECT_EQ(read_text(paths[300], true), "content 300");
-    EXPECT_EQ(cached_count(), 301u);
+    for (bool via_read : {true, false}) {  // the 301st entry made by either call
+        SCOPED_TRACE(via_read ? "read_file" : "open_and_cache");
+        for (int i = 0; i < 300; i++) ASSERT_GE(file_cache::open_and_cache(paths[i]), 0) << i;
+        if (via_read) {
+            EXPECT_EQ(read_text(paths[300], true), "content 300");
+        } else {
+            EXPECT_GE(file_cache::open_and_cache(paths[300]), 0);
+        }
+        EXPECT_EQ(cached_count(), 301u);
+        size_t before = open_fds();
+        EXPECT_EQ(read_text(extra, true), "not cached");
+        EXPECT_EQ(open_fds(), before);
+        EXPECT_EQ(file_cache::open_and_cache(extra), -24);
+        EXPECT_EQ(file_cache::open_and_cache(dir.path() + "/missing"), -24);
+        EXPECT_EQ(read_text(paths[7], true), "content 7");
+        file_cache::empty_cache_file();
+    }
 }
 
 // Eight threads reading the same and different files, cached and not, while
