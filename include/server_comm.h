@@ -18,8 +18,8 @@
 class comm_data {
 private:
     void* socket;        // not owned: never closed here
-    uint8_t client_id;   // unused
-    int32_t timeout;     // unused: receives block without limit
+    [[maybe_unused]] uint8_t client_id;  // reserved: nothing reads it
+    [[maybe_unused]] int32_t timeout;    // reserved: receives block without limit
 
 public:
     data_struct* send_data;  // reply frame, owned

@@ -21,7 +21,9 @@ struct run_result { int status; string out, err; };
 run_result run_client(const string& args) {
     temp_dir io;
     string out = io.path() + "/out", err = io.path() + "/err";
-    int st = system(("cd " VIREO_SOURCE_DIR " && timeout -s KILL 20 " VIREO_CLIENT_BIN " " + args + " >" + out + " 2>" + err).c_str());
+    string emulator;  // the cross build's qemu-user, empty natively
+    for (const string& w : emulator_prefix()) emulator += w + " ";
+    int st = system(("cd " VIREO_SOURCE_DIR " && timeout -s KILL 20 " + emulator + VIREO_CLIENT_BIN " " + args + " >" + out + " 2>" + err).c_str());
     return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, read_text_file(out), read_text_file(err)};
 }
 
