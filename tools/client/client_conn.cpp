@@ -54,6 +54,16 @@ int client_conn::open(std::string& why) {
     return 0;
 }
 
+int client_conn::fail(const char* call, int err, std::string& why) {
+    close_socket();
+    if (err == EAGAIN) {
+        why = "no reply from " + endpoint + " within " + std::to_string(timeout_ms) + " ms";
+        return client_timeout;
+    }
+    why = std::string(call) + ": " + zmq_strerror(err);
+    return client_comm_error;
+}
+
 int client_conn::request(uint32_t command, uint32_t sub_command,
                          const std::vector<uint8_t>& payload, client_reply& out,
                          std::string& why) {
@@ -62,14 +72,7 @@ int client_conn::request(uint32_t command, uint32_t sub_command,
     }
     std::vector<uint8_t> frame = pack_request(command, sub_command, payload);
     if (zmq_send(sock, frame.data(), frame.size(), 0) == -1) {
-        int err = errno;
-        close_socket();
-        if (err == EAGAIN) {
-            why = "no reply from " + endpoint + " within " + std::to_string(timeout_ms) + " ms";
-            return client_timeout;
-        }
-        why = std::string("zmq_send: ") + zmq_strerror(err);
-        return client_comm_error;
+        return fail("zmq_send", errno, why);
     }
 
     std::vector<std::vector<uint8_t>> parts;
@@ -86,15 +89,7 @@ int client_conn::request(uint32_t command, uint32_t sub_command,
         if (zmq_msg_recv(&msg, sock, 0) == -1) {
             int err = errno;
             zmq_msg_close(&msg);
-            // A REQ socket still waiting for its reply refuses the next
-            // request: start over with a fresh one.
-            close_socket();
-            if (err == EAGAIN) {
-                why = "no reply from " + endpoint + " within " + std::to_string(timeout_ms) + " ms";
-                return client_timeout;
-            }
-            why = std::string("zmq_msg_recv: ") + zmq_strerror(err);
-            return client_comm_error;
+            return fail("zmq_msg_recv", err, why);
         }
         const uint8_t* data = static_cast<const uint8_t*>(zmq_msg_data(&msg));
         parts.emplace_back(data, data + zmq_msg_size(&msg));

@@ -85,6 +85,10 @@ public:
 
 private:
     void close_socket();
+    // A failed send or receive: the socket is discarded (a REQ socket still
+    // waiting for its reply refuses the next request) and the error is
+    // client_timeout for EAGAIN, else client_comm_error, with why set.
+    int fail(const char* call, int err, std::string& why);
 };
 
 // One command of the configuration files.
