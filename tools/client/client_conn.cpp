@@ -204,7 +204,8 @@ int client_conn::give_up(int wait_left_ms, std::string& why) {
     if (last == failure::handshake_closed) {
         why = "handshake with " + endpoint + " failed: the server closed the connection (" +
               (keys.curve() ? "wrong server key, or the server does not use CURVE)"
-                            : "security mismatch?)");
+                            : "security mismatch: the server may use CURVE; give --server-key "
+                              "and --key)");
         return client_handshake;
     }
     why = diagnose_connect(endpoint, std::min(wait_left_ms, diagnose_ms));

@@ -665,7 +665,7 @@ int main(int argc, char** argv) {
         fputs(o.help ? usage_text : "vireo-client " VIREO_VERSION "\n", stdout);
         return flush_output();
     }
-    if (o.args[0] == "keygen") {
+    if (!o.args.empty() && o.args[0] == "keygen") {
         return keygen(o);
     }
 
