@@ -208,7 +208,9 @@ int client_conn::give_up(int wait_left_ms, std::string& why) {
                               "and --key)");
         return client_handshake;
     }
-    why = diagnose_connect(endpoint, std::min(wait_left_ms, diagnose_ms));
+    // At the timeout, the closing connect() still gets a short while.
+    why =
+        diagnose_connect(endpoint, std::min(std::max(wait_left_ms, diagnose_ms / 10), diagnose_ms));
     return client_refused;
 }
 
