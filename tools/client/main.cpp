@@ -318,8 +318,9 @@ int parse_args(int argc, char** argv, options& o, std::string& why) {
     return 0;
 }
 
-// Turns the positional arguments into a request; 0 or -1 with why. cfg is
-// the configuration read (nullptr for none), cfg_error why it was not.
+// Turns the positional arguments into a request; 0, or -1 (usage) or -2 (a
+// name needs the configuration that could not be read) with why. cfg is the
+// configuration read (nullptr for none), cfg_error why it was not.
 int make_spec(const options& o, const client_config* cfg, const std::string& cfg_path,
               const std::string& cfg_error, request_spec& r, std::string& why) {
     const std::vector<std::string>& a = o.args;
@@ -361,7 +362,7 @@ int make_spec(const options& o, const client_config* cfg, const std::string& cfg
         if (cfg == nullptr) {
             why =
                 cfg_error.empty() ? "a command name (" + a[0] + ") needs -c MAIN.json" : cfg_error;
-            return -1;
+            return cfg_error.empty() ? -1 : -2;
         }
         const client_cmd* c = find_cmd(*cfg, a[0]);
         if (c == nullptr) {
@@ -689,7 +690,11 @@ int main(int argc, char** argv) {
         return list_commands(cfg, o.json);
     }
     request_spec rq;
-    if (make_spec(o, have_cfg ? &cfg : nullptr, cfg_path, cfg_error, rq, why) != 0) {
+    if (int rc = make_spec(o, have_cfg ? &cfg : nullptr, cfg_path, cfg_error, rq, why); rc != 0) {
+        if (rc == -2) {
+            fprintf(stderr, "vireo-client: %s\n", why.c_str());
+            return exit_config;
+        }
         return usage_error(why);
     }
     const bool endpoint_from_cfg = o.endpoint.empty() && have_cfg;
