@@ -8,8 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
 
 #include "test_util.h"
 
@@ -49,13 +47,6 @@ public:
     }
 };
 
-std::string whole_file(const std::string& path) {
-    std::ifstream in(path);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
 // One request per command: /proc files of the child with and without
 // "read-all" ($pid and fixed paths), and a regular file of 10000 bytes.
 TEST(read_all, proc_files_whole_only_when_asked) {
@@ -82,7 +73,8 @@ TEST(read_all, proc_files_whole_only_when_asked) {
     daemon_process d({"-c", main_file});
     ASSERT_TRUE(d.wait_ready(endpoint)) << d.stderr_text();
 
-    const std::string maps = whole_file(proc + "/maps"), smaps = whole_file(proc + "/smaps");
+    const std::string maps = read_text_file(proc + "/maps"),
+                      smaps = read_text_file(proc + "/smaps");
     ASSERT_GT(maps.size(), 8191u);
     ASSERT_GT(smaps.size(), 8191u);
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));

@@ -120,3 +120,11 @@ const client_cmd* find_cmd(const client_config& cfg, const std::string& full_nam
 // The daemon's hex rule: std::stoi(text, nullptr, 16), stored unsigned.
 // Throws std::invalid_argument or std::out_of_range like std::stoi.
 uint32_t config_hex(const std::string& text);
+
+// "vireo-client check-config MAIN.json" (argv[0] is "check-config"): loads
+// the configuration as the daemon would and prints every problem as
+// FILE:LINE:COLUMN: error|warning: message, then a summary line. Returns 0
+// when the daemon would start and serve every command (warnings allowed), 1
+// when it would not, 64 on a usage error, 74 when writing the output fails,
+// 78 when the main file cannot be opened.
+int run_check_config(int argc, char** argv);
