@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 
 #include "test_util.h"
 
@@ -46,6 +47,22 @@ public:
         }
     }
 };
+
+// The counters of smaps (Rss, Pss, Shared_Dirty...) move between two reads
+// as the parent writes to pages it shares with the child: digits on field
+// lines are masked, the layout (fixed-width numbers) and everything else
+// must match byte for byte.
+std::string masked(std::string s) {
+    for (size_t i = 0, line = 0; i < s.size(); i++) {
+        if (s[i] == '\n') {
+            line = i + 1;
+        } else if (isupper(static_cast<unsigned char>(s[line])) &&
+                   isdigit(static_cast<unsigned char>(s[i]))) {
+            s[i] = '#';
+        }
+    }
+    return s;
+}
 
 // One request per command: /proc files of the child with and without
 // "read-all" ($pid and fixed paths), and a regular file of 10000 bytes.
@@ -90,9 +107,9 @@ TEST(read_all, proc_files_whole_only_when_asked) {
         ASSERT_TRUE(c.request(make_request(0x10, tc.sub, pid_payload(child.pid)), reply)) << tc.sub;
         reply_view r = parse_reply(reply);
         if (tc.whole) {
-            EXPECT_EQ(r.payload, tc.content.substr(0, 8191)) << "sub-command " << tc.sub;
+            EXPECT_EQ(masked(r.payload), masked(tc.content.substr(0, 8191))) << tc.sub;
         } else {
-            EXPECT_EQ(tc.content.compare(0, r.payload.size(), r.payload), 0) << tc.sub;
+            EXPECT_EQ(masked(r.payload), masked(tc.content.substr(0, r.payload.size()))) << tc.sub;
             EXPECT_LE(r.payload.size(), std::min<size_t>(page, 8191)) << tc.sub;
             EXPECT_GT(r.payload.size(), 0u) << tc.sub;
         }
