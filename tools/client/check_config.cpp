@@ -384,6 +384,9 @@ void checker::entry(const source& src, const Json::Value& e, std::map<uint32_t, 
             plugin(src, e, target, sym);
         }
         flag(src, e, "detach");
+        if (const Json::Value* all = member(src, e, "read-all", false)) {
+            warning(src.at(*all), "\"read-all\" has no effect on a custom command");
+        }
     } else if (type != nullptr) {
         warning(src.at(*type),
                 "unknown type \"" + type->asString() + "\": the daemon skips this command");
