@@ -44,6 +44,9 @@ public:
     cmd_type_t type;
     std::string name;
     bool enabled;     // negation of "disable"; kept only, never consulted
+    // "read-all" of a file command: read until the reply is full or the file
+    // ends, not once. Off by default: one read, as always.
+    bool read_all = false;
 
     // A file command; a "$" anywhere in file makes it DYN_FILE_TYPE.
     mon_cmd(const std::string& mon_name, uint32_t idx, const std::string& file);

@@ -100,6 +100,9 @@ bool config_parser::parse_sub_config() {
                 if (search_key(element, "type").asString() == "file") {
                     std::string file = search_key(element, "file").asString();
                     mn = std::make_shared<mon_cmd>(name, id, file);
+                    if (element.isMember("read-all")) {
+                        mn->read_all = element["read-all"].asBool();
+                    }
                 } else if (search_key(element, "type").asString() == "custom") {
                     std::string lib = search_key(element, "lib").asString();
                     std::string sym = search_key(element, "symbols").asString();

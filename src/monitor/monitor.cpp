@@ -92,10 +92,11 @@ int monitor::handle_request(comm_data* every_comm) {
             // The path ends at its first zero character; copy only when one is
             // embedded, so the common case allocates nothing.
             if (strlen(path.c_str()) == path.size()) {
-                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true);
+                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true,
+                                            cmd->read_all);
             } else {
                 ret = file_cache::read_file(std::string(path.c_str()), reply,
-                                            every_comm->max_send_len, true);
+                                            every_comm->max_send_len, true, cmd->read_all);
             }
             break;
         }
@@ -107,7 +108,8 @@ int monitor::handle_request(comm_data* every_comm) {
                 pid_file.replace(found, 4, std::to_string(pid));
             }
             // Per-process paths are many and short-lived: never cached.
-            ret = file_cache::read_file(pid_file, reply, every_comm->max_send_len, false);
+            ret = file_cache::read_file(pid_file, reply, every_comm->max_send_len, false,
+                                        cmd->read_all);
             break;
         }
         case CUSTOM_TYPE:

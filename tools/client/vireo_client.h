@@ -183,4 +183,10 @@ int write_key_pair(const std::string& base, std::string& public_key, std::string
 // Subcommands whose bodies live in their own files; argv[0] is the
 // subcommand's name. They return the process's exit status.
 int run_profile(int argc, char** argv);
+// "vireo-client check-config MAIN.json" (argv[0] is "check-config"): loads
+// the configuration as the daemon would and prints every problem as
+// FILE:LINE:COLUMN: error|warning: message, then a summary line. Returns 0
+// when the daemon would start and serve every command (warnings allowed), 1
+// when it would not, 64 on a usage error, 74 when writing the output fails,
+// 78 when the main file cannot be opened.
 int run_check_config(int argc, char** argv);
