@@ -10,7 +10,13 @@
 #include <string>
 #include <unordered_map>
 
+#include "client_keys.h"
+
 class comm_data;
+
+// Command codes and ids are hexadecimal text, with or without "0x"; trailing
+// text is ignored; no digits or a value outside int32 throws "stoi".
+uint32_t hex_code(const std::string& text);
 
 // A plug-in's entry point: called on the worker thread that received the
 // request, with that worker's connection. Returns the reply payload length it
@@ -34,16 +40,16 @@ public:
         int fd;                // -1; nothing opens it (files go through file_cache)
     } file_t;
     struct {
-        std::string library;    // path from "lib", passed to dlopen as written
-        std::string symbol;     // function name from "symbols"
-        void* handler;          // dlopen handle, or null
+        std::string library;     // path from "lib", passed to dlopen as written
+        std::string symbol;      // function name from "symbols"
+        void* handler;           // dlopen handle, or null
         CUST_CALLBACK function;  // dlsym result, or null
-        bool detach;            // kept only: the function always runs on the worker
+        bool detach;             // kept only: the function always runs on the worker
     } cust_t;
-    uint32_t id;      // sub-command id
+    uint32_t id;  // sub-command id
     cmd_type_t type;
     std::string name;
-    bool enabled;     // negation of "disable"; kept only, never consulted
+    bool enabled;  // negation of "disable"; kept only, never consulted
 
     // A file command; a "$" anywhere in file makes it DYN_FILE_TYPE.
     mon_cmd(const std::string& mon_name, uint32_t idx, const std::string& file);
@@ -76,7 +82,7 @@ public:
     std::string sub_file;  // path as written in "config"
     std::string name;      // "class"
     uint32_t code;
-    bool enabled = true;   // negation of "disable"; kept only, never consulted
+    bool enabled = true;  // negation of "disable"; kept only, never consulted
     std::unordered_map<uint32_t, std::shared_ptr<mon_cmd>> cmds;
 
     sub_config(const std::string& sjson, std::string& class_name, uint32_t cd);
@@ -85,11 +91,21 @@ public:
 // The main configuration: the endpoint and the sub-configurations by code.
 class main_config : public json_config {
 public:
-    std::string mode;   // free text, not interpreted
-    std::string ip;     // "server_ip"
+    std::string mode;  // free text, not interpreted
+    std::string ip;    // "server_ip"
     int port = 0;
     bool enabled = true;  // unused
     std::unordered_map<uint32_t, std::shared_ptr<sub_config>> subs_map;
+
+    // From the optional "security" object: the endpoint becomes a CURVE
+    // server that answers only the keys in authorized_keys_file. Without it
+    // secure is false and the rest stays empty.
+    bool secure = false;
+    std::string secret_key_file;       // "secret-key"
+    std::string authorized_keys_file;  // "authorized-keys"
+    std::string secret_key;            // the server's secret key, Z85
+    key_table keys;                    // authorized keys as loaded at start-up
+    file_stamp keys_stamp;             // the authorized-keys file they came from
 
     explicit main_config(const std::string& main_json);
 };
@@ -111,5 +127,7 @@ public:
 private:
     Json::Value search_key(Json::Value& root, const std::string& key);
     bool parse_main_config();
+    // Reads the key files named by "security"; logs and throws on failure.
+    void parse_security(const Json::Value& security);
     bool parse_sub_config();
 };

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -33,11 +34,35 @@ comm_data::~comm_data() {
 }
 
 int comm_data::recv_msg() {
-    int n = zmq_recv(socket, recv_data, max_recv_len + 48, 0);
+    const int area = max_recv_len + 48;
+    int n = 0;
+    bool body = true;
+    if (key_frame) {
+        char key[64];
+        int k = zmq_recv(socket, key, sizeof key, 0);
+        if (k != -1) {
+            peer_key.assign(key, static_cast<size_t>(std::min(k, static_cast<int>(sizeof key))));
+            int more = 0;
+            size_t more_size = sizeof more;
+            zmq_getsockopt(socket, ZMQ_RCVMORE, &more, &more_size);
+            // A client that sent no frame at all: answered as an empty one.
+            body = more != 0;
+        } else {
+            n = -1;
+        }
+    }
+    if (n != -1 && body) {
+        n = zmq_recv(socket, recv_data, static_cast<size_t>(area), 0);
+    }
     if (n == -1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_recv error, %s\n",
                             zmq_strerror(errno));
         return -1;
+    }
+    // What this request did not carry must not be read from the previous
+    // one: a short or empty frame leaves zeros, not another client's request.
+    if (n < area) {
+        memset(reinterpret_cast<uint8_t*>(recv_data) + n, 0, static_cast<size_t>(area - n));
     }
     gettimeofday(&recv_data->time, nullptr);
 
