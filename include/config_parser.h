@@ -40,16 +40,16 @@ public:
         int fd;                // -1; nothing opens it (files go through file_cache)
     } file_t;
     struct {
-        std::string library;     // path from "lib", passed to dlopen as written
-        std::string symbol;      // function name from "symbols"
-        void* handler;           // dlopen handle, or null
+        std::string library;    // path from "lib", passed to dlopen as written
+        std::string symbol;     // function name from "symbols"
+        void* handler;          // dlopen handle, or null
         CUST_CALLBACK function;  // dlsym result, or null
-        bool detach;             // kept only: the function always runs on the worker
+        bool detach;            // kept only: the function always runs on the worker
     } cust_t;
-    uint32_t id;  // sub-command id
+    uint32_t id;      // sub-command id
     cmd_type_t type;
     std::string name;
-    bool enabled;  // negation of "disable"; kept only, never consulted
+    bool enabled;     // negation of "disable"; kept only, never consulted
 
     // A file command; a "$" anywhere in file makes it DYN_FILE_TYPE.
     mon_cmd(const std::string& mon_name, uint32_t idx, const std::string& file);
@@ -82,7 +82,7 @@ public:
     std::string sub_file;  // path as written in "config"
     std::string name;      // "class"
     uint32_t code;
-    bool enabled = true;  // negation of "disable"; kept only, never consulted
+    bool enabled = true;   // negation of "disable"; kept only, never consulted
     std::unordered_map<uint32_t, std::shared_ptr<mon_cmd>> cmds;
 
     sub_config(const std::string& sjson, std::string& class_name, uint32_t cd);
@@ -91,8 +91,8 @@ public:
 // The main configuration: the endpoint and the sub-configurations by code.
 class main_config : public json_config {
 public:
-    std::string mode;  // free text, not interpreted
-    std::string ip;    // "server_ip"
+    std::string mode;   // free text, not interpreted
+    std::string ip;     // "server_ip"
     int port = 0;
     bool enabled = true;  // unused
     std::unordered_map<uint32_t, std::shared_ptr<sub_config>> subs_map;

@@ -17,7 +17,7 @@
 // to send_data->msg (at most max_send_len bytes).
 class comm_data {
 private:
-    void* socket;                        // not owned: never closed here
+    void* socket;        // not owned: never closed here
     [[maybe_unused]] uint8_t client_id;  // reserved: nothing reads it
     [[maybe_unused]] int32_t timeout;    // reserved: receives block without limit
 

@@ -40,8 +40,7 @@ mon_cmd::~mon_cmd() {
 void mon_cmd::load_library() {
     cust_t.handler = dlopen(cust_t.library.c_str(), RTLD_LAZY);
     if (cust_t.handler != nullptr) {
-        cust_t.function =
-            reinterpret_cast<CUST_CALLBACK>(dlsym(cust_t.handler, cust_t.symbol.c_str()));
+        cust_t.function = reinterpret_cast<CUST_CALLBACK>(dlsym(cust_t.handler, cust_t.symbol.c_str()));
     }
     if (cust_t.handler == nullptr || cust_t.function == nullptr) {
         std::string what = "dlopen lib: " + cust_t.library + " symbol: " + cust_t.symbol;
