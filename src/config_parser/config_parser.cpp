@@ -1,9 +1,9 @@
-#include "config_parser.h"
-
 #include <android/log.h>
 
 #include <fstream>
 #include <stdexcept>
+
+#include "config_parser.h"
 
 #define LOG_TAG "MONITOR_CONFIG"
 

@@ -90,8 +90,8 @@ int monitor::handle_request(comm_data* every_comm) {
     std::shared_ptr<sub_config> cfg = sub_it->second;
     auto cmd_it = cfg->cmds.find(sub_command);
     if (cmd_it == cfg->cmds.end()) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "No sub-command 0x%x in %s\n", sub_command,
-                            cfg->sub_file.c_str());
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "No sub-command 0x%x in %s\n",
+                            sub_command, cfg->sub_file.c_str());
         return -22;
     }
     std::shared_ptr<mon_cmd> cmd = cmd_it->second;
@@ -137,13 +137,9 @@ int monitor::handle_request(comm_data* every_comm) {
     return ret;
 }
 
-int monitor::wait_for_connection() {
-    return comm->listen_connect();
-}
+int monitor::wait_for_connection() { return comm->listen_connect(); }
 
-int monitor::recv_request(comm_data* every_comm) {
-    return every_comm->recv_msg();
-}
+int monitor::recv_request(comm_data* every_comm) { return every_comm->recv_msg(); }
 
 int monitor::ack_request(int len, comm_data* every_comm) {
     // Above the limit a plug-in has answered on its own.
@@ -176,8 +172,8 @@ int start_security(monitor* mon, const main_config& mc) {
 void monitor_helper_thread(monitor* mon) {
     const main_config& mc = *mon->configs->mconfig;
     mon->comm = std::make_unique<server_comm>(mc.ip, mc.port);
-    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "vireo-monitor listening %s:%d", mc.ip.c_str(),
-                        mc.port);
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "vireo-monitor listening %s:%d",
+                        mc.ip.c_str(), mc.port);
     if (mc.secure && start_security(mon, mc) != 0) {
         return;
     }
@@ -214,7 +210,8 @@ void* worker_routine(void* mon_void) {
         }
         ret = mon->handle_request(every_comm);
         if (ret < 0) {
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Handle request error with %d\n", ret);
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Handle request error with %d\n",
+                                ret);
         }
         mon->ack_request(ret, every_comm);
     }
