@@ -1,10 +1,10 @@
-#include "server_comm.h"
-
 #include <android/log.h>
 #include <errno.h>
 #include <zmq.h>
 
 #include <utility>
+
+#include "server_comm.h"
 
 #define LOG_TAG "MONITOR_COMM"
 
