@@ -34,7 +34,6 @@ comm_data::~comm_data() {
 }
 
 int comm_data::recv_msg() {
-    const int area = max_recv_len + 48;
     int n = 0;
     bool body = true;
     if (key_frame) {
@@ -52,7 +51,7 @@ int comm_data::recv_msg() {
         }
     }
     if (n != -1 && body) {
-        n = zmq_recv(socket, recv_data, static_cast<size_t>(area), 0);
+        n = zmq_recv(socket, recv_data, static_cast<size_t>(max_recv_len + 48), 0);
     }
     if (n == -1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_recv error, %s\n",
@@ -60,9 +59,12 @@ int comm_data::recv_msg() {
         return -1;
     }
     // What this request did not carry must not be read from the previous
-    // one: a short or empty frame leaves zeros, not another client's request.
-    if (n < area) {
-        memset(reinterpret_cast<uint8_t*>(recv_data) + n, 0, static_cast<size_t>(area - n));
+    // one: a short or empty frame leaves zeros in the header and payload,
+    // not another client's request. (The 4 trailing alignment bytes mean
+    // nothing and are never read.)
+    const int meaningful = max_recv_len + 44;
+    if (n < meaningful) {
+        memset(reinterpret_cast<uint8_t*>(recv_data) + n, 0, static_cast<size_t>(meaningful - n));
     }
     gettimeofday(&recv_data->time, nullptr);
 
