@@ -2,7 +2,6 @@
 #include <errno.h>
 #include <zmq.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -37,18 +36,16 @@ int comm_data::recv_msg() {
     int n = 0;
     bool body = true;
     if (key_frame) {
-        char key[64];
-        int k = zmq_recv(socket, key, sizeof key, 0);
-        if (k != -1) {
-            peer_key.assign(key, static_cast<size_t>(std::min(k, static_cast<int>(sizeof key))));
-            int more = 0;
-            size_t more_size = sizeof more;
-            zmq_getsockopt(socket, ZMQ_RCVMORE, &more, &more_size);
+        zmq_msg_t key;
+        zmq_msg_init(&key);
+        n = zmq_msg_recv(&key, socket, 0);
+        if (n != -1) {
+            peer_key.assign(static_cast<const char*>(zmq_msg_data(&key)), zmq_msg_size(&key));
             // A client that sent no frame at all: answered as an empty one.
-            body = more != 0;
-        } else {
-            n = -1;
+            body = zmq_msg_more(&key) != 0;
+            n = 0;
         }
+        zmq_msg_close(&key);
     }
     if (n != -1 && body) {
         n = zmq_recv(socket, recv_data, static_cast<size_t>(max_recv_len + 48), 0);

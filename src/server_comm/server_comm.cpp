@@ -46,52 +46,30 @@ int set_router_options(void* socket, const std::string& secret) {
 }
 
 // Moves one whole message (all its parts) from one socket to the other.
-// Without a waiting message returns 0 at once; -1 when a socket fails.
-int forward(void* from, void* to) {
+// Without a waiting message returns 0 at once; -1 when a socket fails. With
+// user_id (router to dealer) the connection's ZAP user id goes in as a frame
+// after the envelope's empty delimiter, where the worker's REP socket hands
+// it over as the first frame of the request.
+int forward(void* from, void* to, bool user_id) {
     zmq_msg_t part;
     zmq_msg_init(&part);
     int flags = ZMQ_DONTWAIT;
-    bool more = true;
+    bool more = true, routing_id = true, inserted = !user_id;
     while (more) {
         if (zmq_msg_recv(&part, from, flags) == -1) {
             zmq_msg_close(&part);
             return flags == ZMQ_DONTWAIT && errno == EAGAIN ? 0 : -1;
         }
         more = zmq_msg_more(&part) != 0;
-        if (zmq_msg_send(&part, to, more ? ZMQ_SNDMORE : 0) == -1) {
-            zmq_msg_close(&part);
-            return -1;
-        }
-        flags = 0;
-    }
-    zmq_msg_close(&part);
-    return 1;
-}
-
-// forward() from router to dealer, with the connection's ZAP user id put in
-// as a frame after the envelope's empty delimiter, where the worker's REP
-// socket hands it over as the first frame of the request.
-int forward_request(void* router, void* dealer) {
-    zmq_msg_t part;
-    zmq_msg_init(&part);
-    int flags = ZMQ_DONTWAIT;
-    bool more = true, routing_id = true, inserted = false;
-    while (more) {
-        if (zmq_msg_recv(&part, router, flags) == -1) {
-            zmq_msg_close(&part);
-            return flags == ZMQ_DONTWAIT && errno == EAGAIN ? 0 : -1;
-        }
-        more = zmq_msg_more(&part) != 0;
         bool delimiter = !routing_id && !inserted && zmq_msg_size(&part) == 0;
-        std::string user_id;
+        std::string id;
         if (delimiter) {
             // Read before sending: sending clears a message's properties.
-            const char* id = zmq_msg_gets(&part, "User-Id");
-            user_id = id != nullptr ? id : "";
+            const char* text = zmq_msg_gets(&part, "User-Id");
+            id = text != nullptr ? text : "";
         }
-        if (zmq_msg_send(&part, dealer, more || delimiter ? ZMQ_SNDMORE : 0) == -1 ||
-            (delimiter &&
-             zmq_send(dealer, user_id.data(), user_id.size(), more ? ZMQ_SNDMORE : 0) == -1)) {
+        if (zmq_msg_send(&part, to, more || delimiter ? ZMQ_SNDMORE : 0) == -1 ||
+            (delimiter && zmq_send(to, id.data(), id.size(), more ? ZMQ_SNDMORE : 0) == -1)) {
             zmq_msg_close(&part);
             return -1;
         }
@@ -188,8 +166,9 @@ int server_comm::queue_with_user_id() {
     // Bursts keep the poll calls few under load; the bound keeps one side
     // from starving the other.
     constexpr int burst = 64;
-    // A request is taken only when the dealer can pass it on at once, so
-    // that busy workers never block the replies coming back.
+    // Requests are taken only while the dealer can pass them on, so that
+    // busy workers do not hold up the replies coming back. (A send that
+    // fills the workers' queues mid-burst waits until a worker takes one.)
     auto can_send = [this] {
         int events = 0;
         size_t events_size = sizeof events;
@@ -208,11 +187,10 @@ int server_comm::queue_with_user_id() {
             return -1;
         }
         int rc = 0;
-        for (int i = 0; i < burst && (rc = forward(workers, socket)) == 1; i++) {
+        for (int i = 0; i < burst && (rc = forward(workers, socket, false)) == 1; i++) {
         }
         if (rc == 0 && sendable) {
-            for (int i = 0; i < burst && can_send() && (rc = forward_request(socket, workers)) == 1;
-                 i++) {
+            for (int i = 0; i < burst && (rc = forward(socket, workers, true)) == 1; i++) {
             }
         }
         if (rc == -1 && errno == ETERM) {
