@@ -35,8 +35,8 @@ public:
 
     // Receives one request (at most 1072 bytes stored), stamps its receive
     // time and checks its crc (a mismatch is logged, the request kept).
-    // Bytes of the 1072 that the request did not carry read as zero, never
-    // as an earlier request's. With key_frame set, first takes the frame the
+    // Header and payload bytes that the request did not carry read as zero,
+    // never as an earlier request's. With key_frame set, first takes the frame the
     // queue puts before each request (the client's key) into peer_key.
     // Returns the size ZeroMQ reported for the whole message, or -1.
     int recv_msg();
