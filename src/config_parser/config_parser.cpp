@@ -97,6 +97,12 @@ void config_parser::parse_security(const Json::Value& security) {
                             mc.secret_key_file.c_str(), error.c_str());
         throw std::runtime_error("secret key");
     }
+    struct stat st;
+    if (stat(mc.secret_key_file.c_str(), &st) == 0 && (st.st_mode & 077) != 0) {
+        __android_log_print(ANDROID_LOG_WARN, LOG_TAG,
+                            "Secret key %s can be read by other users: chmod 600 it\n",
+                            mc.secret_key_file.c_str());
+    }
     // Stamped before reading: an edit in between is picked up by the first
     // reload.
     mc.keys_stamp = file_stamp::of(mc.authorized_keys_file);
