@@ -1,4 +1,6 @@
 // CURVE key files of the client: reading them and making a new pair.
+#include "client_keys.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,35 +14,14 @@
 
 namespace {
 
-constexpr size_t z85_key_len = 40;
-
-bool valid_key(const std::string& text) {
-    uint8_t raw[32];
-    return text.size() == z85_key_len && zmq_z85_decode(raw, text.c_str()) != nullptr;
-}
-
-// The first line that is neither blank nor a '#' comment, trimmed.
-int read_key_file(const std::string& path, std::string& key, std::string& why) {
-    std::ifstream in(path);
-    if (!in) {
-        why = "cannot read key file " + path + ": " + strerror(errno);
+// The daemon's reader, with the client's wording and result code.
+int key_from_file(const std::string& path, std::string& key, std::string& why) {
+    std::string error;
+    if (::read_key_file(path, key, error) != 0) {
+        why = "key file " + path + ": " + error;
         return client_bad_input;
     }
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t b = line.find_first_not_of(" \t\r");
-        if (b == std::string::npos || line[b] == '#') {
-            continue;
-        }
-        key = line.substr(b, line.find_last_not_of(" \t\r") + 1 - b);
-        if (!valid_key(key)) {
-            why = "key file " + path + " does not hold a 40-character Z85 key";
-            return client_bad_input;
-        }
-        return 0;
-    }
-    why = "key file " + path + " holds no key";
-    return client_bad_input;
+    return 0;
 }
 
 // Creates path with mode, never over an existing file, and writes text.
@@ -68,15 +49,15 @@ int create_file(const std::string& path, mode_t mode, const std::string& text, s
 
 int load_server_key(const std::string& file_or_z85, std::string& key, std::string& why) {
     // A key given as text is used as it is unless a file has that name.
-    if (valid_key(file_or_z85) && access(file_or_z85.c_str(), F_OK) != 0) {
+    if (is_z85_key(file_or_z85) && access(file_or_z85.c_str(), F_OK) != 0) {
         key = file_or_z85;
         return 0;
     }
-    return read_key_file(file_or_z85, key, why);
+    return key_from_file(file_or_z85, key, why);
 }
 
 int load_secret_key(const std::string& path, client_keys& keys, std::string& why) {
-    if (int rc = read_key_file(path, keys.secret_key, why); rc != 0) {
+    if (int rc = key_from_file(path, keys.secret_key, why); rc != 0) {
         return rc;
     }
     char pub[z85_key_len + 1];
