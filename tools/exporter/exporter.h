@@ -3,6 +3,7 @@
 // socket; nothing is shared between probes but the ZeroMQ context.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -96,6 +97,17 @@ struct probe_result {
 
 // Process-wide ZeroMQ context for the probes (thread-safe).
 void* probe_context();
+
+// A board's DEALER socket with its monitor. Kept between probes of the same
+// board (same endpoint and keys), so that a scrape costs no connect, CURVE
+// handshake or socket teardown; used by one probe at a time.
+struct board_link {
+    void* sock = nullptr;
+    void* mon = nullptr;  // PAIR socket receiving the monitor's events
+    bool handshake_done = false;
+    std::chrono::steady_clock::time_point idle_since;
+};
+void close_link(board_link& l);
 
 // Probes one board within timeout_s and renders its metrics.
 void run_probe(const target_spec& t, double timeout_s, probe_result& out);

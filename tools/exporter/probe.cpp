@@ -13,6 +13,8 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <mutex>
+#include <unordered_map>
 
 #include "exporter.h"
 #include "vireo_client.h"
@@ -44,8 +46,9 @@ public:
 
     const target_spec& target;
     clock_type::time_point deadline;
-    void* sock = nullptr;
-    void* mon = nullptr;
+    board_link link;
+    void*& sock = link.sock;
+    void*& mon = link.mon;
     std::vector<request> reqs;
     size_t pending = 0;
     probe_reason reason = reason_none;
@@ -61,22 +64,118 @@ private:
     void read_monitor();
     // Reads one queued reply: the index of the request it completes, or -1.
     int read_reply();
-    bool handshake_done = false;
+    // A new socket and its monitor, connecting to the board.
+    int open_link();
+    bool& handshake_done = link.handshake_done;
 };
 
 std::atomic<unsigned> monitor_serial{0};
 
-probe_session::~probe_session() {
-    if (mon != nullptr) {
-        zmq_close(mon);
+// Links of boards between probes. The lock is held only to take or give one.
+class link_pool {
+public:
+    // An idle link to key, or false.
+    bool take(const std::string& key, board_link& out) {
+        std::lock_guard<std::mutex> g(lock);
+        auto it = idle.find(key);
+        if (it == idle.end()) {
+            return false;
+        }
+        out = it->second;
+        idle.erase(it);
+        return true;
     }
-    if (sock != nullptr) {
-        zmq_socket_monitor(sock, nullptr, 0);
-        zmq_close(sock);
+    void give(const std::string& key, board_link l) {
+        std::vector<board_link> stale;
+        {
+            std::lock_guard<std::mutex> g(lock);
+            const auto now = clock_type::now();
+            if (idle.size() < max_idle) {
+                l.idle_since = now;
+                idle.emplace(key, l);
+            } else {
+                stale.push_back(l);
+            }
+            // Links of boards no longer probed are let go.
+            if (now - last_sweep > std::chrono::seconds(10)) {
+                last_sweep = now;
+                for (auto it = idle.begin(); it != idle.end();) {
+                    if (now - it->second.idle_since > max_idle_time) {
+                        stale.push_back(it->second);
+                        it = idle.erase(it);
+                    } else {
+                        ++it;
+                    }
+                }
+            }
+        }
+        for (board_link& s : stale) {
+            close_link(s);
+        }
+    }
+
+private:
+    static constexpr size_t max_idle = 4096;
+    static constexpr std::chrono::seconds max_idle_time{120};
+    std::mutex lock;
+    std::unordered_multimap<std::string, board_link> idle;
+    clock_type::time_point last_sweep = clock_type::now();
+};
+
+link_pool& pool() {
+    static link_pool p;
+    return p;
+}
+
+// Which links may serve a target: same endpoint, same keys.
+std::string link_key(const target_spec& t) {
+    return t.endpoint + "\n" + t.keys.server_public + "\n" + t.keys.public_key;
+}
+
+// True when the monitor reported nothing but a success while the link was
+// idle: a board that went away or came back gets a fresh link.
+bool still_sound(board_link& l) {
+    bool sound = true;
+    for (;;) {
+        zmq_msg_t head, addr;
+        zmq_msg_init(&head);
+        zmq_msg_init(&addr);
+        bool got = zmq_msg_recv(&head, l.mon, ZMQ_DONTWAIT) >= 6 && zmq_msg_more(&head) &&
+                   zmq_msg_recv(&addr, l.mon, ZMQ_DONTWAIT) >= 0;
+        if (got) {
+            uint16_t event;
+            memcpy(&event, zmq_msg_data(&head), sizeof event);
+            sound = sound && event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
+        }
+        zmq_msg_close(&head);
+        zmq_msg_close(&addr);
+        if (!got) {
+            return sound;
+        }
+    }
+}
+
+probe_session::~probe_session() {
+    // A link with nothing in flight serves the board's next probe.
+    if (sock != nullptr && pending == 0 && (reason == reason_none || reason == reason_error)) {
+        pool().give(link_key(target), link);
+    } else {
+        close_link(link);
     }
 }
 
 int probe_session::open() {
+    if (pool().take(link_key(target), link)) {
+        if (still_sound(link)) {
+            return 0;
+        }
+        close_link(link);
+        link = board_link{};
+    }
+    return open_link();
+}
+
+int probe_session::open_link() {
     void* ctx = probe_context();
     sock = zmq_socket(ctx, ZMQ_DEALER);
     if (sock == nullptr) {
@@ -149,6 +248,7 @@ void probe_session::read_monitor() {
             if (!handshake_done) {
                 fail(reason_refused, target.endpoint + " closed the connection in the handshake");
             }
+            handshake_done = false;
         } else {
             fail(reason_refused, "handshake with " + target.endpoint +
                                      " refused (key not accepted, wrong server key or security "
@@ -239,6 +339,17 @@ int32_t status_of(const request& r) {
 }
 
 }  // namespace
+
+void close_link(board_link& l) {
+    if (l.mon != nullptr) {
+        zmq_close(l.mon);
+    }
+    if (l.sock != nullptr) {
+        zmq_socket_monitor(l.sock, nullptr, 0);
+        zmq_close(l.sock);
+    }
+    l = board_link{};
+}
 
 const char* reason_text(probe_reason r) {
     switch (r) {

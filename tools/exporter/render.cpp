@@ -1,8 +1,9 @@
 // The board's /proc files as Prometheus metrics.
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
+#include <string_view>
 
 #include "exporter.h"
 
@@ -13,12 +14,12 @@ constexpr size_t file_reply_cap = 8191;
 
 // Lines of a file reply; a last line without '\n' in a reply that filled the
 // reply buffer was cut by it and is left out.
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
+std::vector<std::string_view> lines_of(std::string_view text) {
+    std::vector<std::string_view> lines;
     size_t pos = 0;
     while (pos < text.size()) {
         size_t nl = text.find('\n', pos);
-        if (nl == std::string::npos) {
+        if (nl == std::string_view::npos) {
             if (text.size() < file_reply_cap) {
                 lines.push_back(text.substr(pos));
             }
@@ -30,24 +31,29 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-std::vector<std::string> words(const std::string& line) {
-    std::istringstream in(line);
-    std::vector<std::string> w;
-    std::string s;
-    while (in >> s) {
-        w.push_back(s);
+// Words separated by blanks; the views point into line.
+std::vector<std::string_view> words(std::string_view line) {
+    std::vector<std::string_view> w;
+    size_t pos = 0;
+    while (true) {
+        pos = line.find_first_not_of(" \t", pos);
+        if (pos == std::string_view::npos) {
+            return w;
+        }
+        size_t end = std::min(line.find_first_of(" \t", pos), line.size());
+        w.push_back(line.substr(pos, end - pos));
+        pos = end;
     }
-    return w;
 }
 
-// A whole number or decimal; false for anything else.
-bool to_double(const std::string& s, double& out) {
-    if (s.empty()) {
-        return false;
-    }
-    char* end = nullptr;
-    out = strtod(s.c_str(), &end);
-    return *end == '\0';
+std::string_view first_line(const std::string& text) {
+    return std::string_view(text).substr(0, text.find('\n'));
+}
+
+// A whole number or decimal, all of s; false for anything else.
+bool to_double(std::string_view s, double& out) {
+    auto r = std::from_chars(s.data(), s.data() + s.size(), out);
+    return !s.empty() && r.ec == std::errc() && r.ptr == s.data() + s.size();
 }
 
 void append_value(std::string& out, double v) {
@@ -121,31 +127,30 @@ void metric_writer::sample(const std::string& name,
 }
 
 void render_meminfo(const std::string& text, metric_writer& w) {
-    for (const std::string& line : lines_of(text)) {
+    for (std::string_view line : lines_of(text)) {
         size_t colon = line.find(':');
-        if (colon == std::string::npos) {
+        if (colon == std::string_view::npos) {
             continue;
         }
-        std::vector<std::string> v = words(line.substr(colon + 1));
+        std::vector<std::string_view> v = words(line.substr(colon + 1));
         double value = 0;
-        std::string field = metric_name_part(line.substr(0, colon));
+        const std::string raw(line.substr(0, colon));
+        std::string field = metric_name_part(raw);
         if (field.empty() || v.empty() || !to_double(v[0], value)) {
             continue;
         }
         // Sizes come in kB (KiB); the HugePages_ counts have no unit.
         bool kb = v.size() > 1 && v[1] == "kB";
         std::string name = "vireo_memory_" + field + (kb ? "_bytes" : "");
-        w.family(
-            name.c_str(), "gauge",
-            ("Field " + line.substr(0, colon) + " of /proc/meminfo" + (kb ? " in bytes." : "."))
-                .c_str());
+        w.family(name.c_str(), "gauge",
+                 ("Field " + raw + " of /proc/meminfo" + (kb ? " in bytes." : ".")).c_str());
         w.sample(name, kb ? value * 1024 : value);
     }
 }
 
 void render_loadavg(const std::string& text, metric_writer& w) {
     // "0.20 0.18 0.12 1/80 11206": three averages, runnable/total tasks, last pid.
-    std::vector<std::string> v = words(text);
+    std::vector<std::string_view> v = words(first_line(text));
     double l[3];
     if (v.size() < 4 || !to_double(v[0], l[0]) || !to_double(v[1], l[1]) ||
         !to_double(v[2], l[2])) {
@@ -160,7 +165,7 @@ void render_loadavg(const std::string& text, metric_writer& w) {
     }
     size_t slash = v[3].find('/');
     double run = 0, total = 0;
-    if (slash != std::string::npos && to_double(v[3].substr(0, slash), run) &&
+    if (slash != std::string_view::npos && to_double(v[3].substr(0, slash), run) &&
         to_double(v[3].substr(slash + 1), total)) {
         w.family("vireo_loadavg_runnable_tasks", "gauge",
                  "Runnable kernel scheduling entities (/proc/loadavg).");
@@ -196,13 +201,13 @@ void render_stat(const std::string& text, double user_hz, metric_writer& w) {
         {"procs_blocked", "vireo_procs_blocked", "gauge", "Processes blocked waiting for I/O."},
         {"btime", "vireo_boot_time_seconds", "gauge", "Boot time, seconds since the Unix epoch."},
     };
-    for (const std::string& line : lines_of(text)) {
-        std::vector<std::string> v = words(line);
+    for (std::string_view line : lines_of(text)) {
+        std::vector<std::string_view> v = words(line);
         if (v.size() < 2) {
             continue;
         }
         if (v[0].size() > 3 && v[0].compare(0, 3, "cpu") == 0) {
-            cpu_row row{v[0].substr(3), {}};
+            cpu_row row{std::string(v[0].substr(3)), {}};
             for (size_t i = 1; i < v.size() && i <= 10; i++) {
                 double t = 0;
                 if (!to_double(v[i], t)) {
@@ -247,7 +252,7 @@ void render_stat(const std::string& text, double user_hz, metric_writer& w) {
 }
 
 void render_uptime(const std::string& text, metric_writer& w) {
-    std::vector<std::string> v = words(text);
+    std::vector<std::string_view> v = words(first_line(text));
     double up = 0, idle = 0;
     if (v.size() < 2 || !to_double(v[0], up) || !to_double(v[1], idle)) {
         return;
@@ -260,7 +265,7 @@ void render_uptime(const std::string& text, metric_writer& w) {
 }
 
 uint32_t parse_pidfile(const std::string& text) {
-    std::vector<std::string> v = words(text);
+    std::vector<std::string_view> v = words(first_line(text));
     double pid = 0;
     if (v.empty() || !to_double(v[0], pid) || pid < 1 || pid > 4194304 ||
         v[0].find_first_not_of("0123456789") != std::string::npos) {
@@ -272,13 +277,13 @@ uint32_t parse_pidfile(const std::string& text) {
 bool parse_process(const std::string& status, const std::string& stat, double user_hz,
                    process_sample& out) {
     bool have_state = false;
-    for (const std::string& line : lines_of(status)) {
-        std::vector<std::string> v = words(line);
+    for (std::string_view line : lines_of(status)) {
+        std::vector<std::string_view> v = words(line);
         if (v.size() < 2) {
             continue;
         }
         if (v[0] == "State:") {
-            out.state = v[1];
+            out.state = std::string(v[1]);
             have_state = true;
         } else if (v[0] == "Threads:") {
             to_double(v[1], out.threads);
@@ -293,7 +298,7 @@ bool parse_process(const std::string& status, const std::string& stat, double us
     if (!have_state || paren == std::string::npos) {
         return false;
     }
-    std::vector<std::string> v = words(stat.substr(paren + 1));
+    std::vector<std::string_view> v = words(std::string_view(stat).substr(paren + 1));
     double utime = 0, stime = 0;
     if (v.size() < 13 || !to_double(v[11], utime) || !to_double(v[12], stime)) {
         return false;
