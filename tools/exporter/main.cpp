@@ -51,8 +51,15 @@ struct target_stats {
 std::mutex stats_lock;  // held only to update or copy the figures
 std::map<std::string, target_stats> stats;
 
+// Targets come from the scraper's query: past this many, new ones are not
+// counted, so that a stray client cannot grow the exporter without bound.
+constexpr size_t max_counted_targets = 10000;
+
 void record(const std::string& target, const probe_result& r) {
     std::lock_guard<std::mutex> g(stats_lock);
+    if (stats.size() >= max_counted_targets && stats.count(target) == 0) {
+        return;
+    }
     target_stats& s = stats[target];
     s.probes++;
     s.failures[r.reason]++;
