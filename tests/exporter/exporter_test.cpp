@@ -58,34 +58,28 @@ double value(const string& text, const string& name) {
     return at == string::npos ? -1 : std::stod(text.substr(at + name.size() + 2));
 }
 
-// A daemon on a free port serving /proc as the demo does, plus a pidfile
-// holding its own pid as 0x10 6.
+// A daemon on a free port with the demo's system (0x10) and process (0x20)
+// groups, and 0x11 1 serving a pidfile that holds the daemon's pid.
 struct board {
     temp_dir dir;
     int port = free_port();
-    string ep = "tcp://127.0.0.1:" + std::to_string(port);
-    std::unique_ptr<daemon_process> d;
+    string ep = "tcp://127.0.0.1:" + std::to_string(port), demo = VIREO_SOURCE_DIR "/config/demo/";
+    string sub(const char* cls, const char* code, const string& path) {
+        return R"({"class": ")" + string(cls) + R"(", "code": ")" + code + R"(", "config": ")" +
+               path + R"("})";
+    }
+    string pid = dir.write("pid.json",
+                           R"({"cmd-list": [{"name": "d", "id": "1", "type": "file", "file": ")" +
+                               dir.path() + R"(/d.pid"}]})");
+    daemon_process d{
+        {"-c", dir.write("main.json", R"({"mode": "m", "server_ip": "127.0.0.1", "port": )" +
+                                          std::to_string(port) + R"(, "sub-configs": [)" +
+                                          sub("system", "0x10", demo + "system.json") + "," +
+                                          sub("process", "0x20", demo + "process.json") + "," +
+                                          sub("pid", "0x11", pid) + "]}")}};
     board() {
-        string sys = dir.write("sys.json", R"({"cmd-list": [
-            {"name": "meminfo", "id": "1", "type": "file", "file": "/proc/meminfo"},
-            {"name": "loadavg", "id": "2", "type": "file", "file": "/proc/loadavg"},
-            {"name": "uptime", "id": "3", "type": "file", "file": "/proc/uptime"},
-            {"name": "stat", "id": "4", "type": "file", "file": "/proc/stat"},
-            {"name": "pidfile", "id": "6", "type": "file", "file": ")" +
-                                               dir.path() + R"(/d.pid"}]})");
-        string proc = dir.write("proc.json", R"({"cmd-list": [
-            {"name": "status", "id": "1", "type": "file", "file": "/proc/$pid/status"},
-            {"name": "stat", "id": "2", "type": "file", "file": "/proc/$pid/stat"}]})");
-        d.reset(new daemon_process(
-            {"-c",
-             dir.write("main.json",
-                       R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" +
-                           std::to_string(port) +
-                           R"(, "sub-configs": [{"class": "system", "code": "0x10", "config": ")" +
-                           sys + R"("}, {"class": "process", "code": "0x20", "config": ")" + proc +
-                           R"("}]})")}));
-        dir.write("d.pid", std::to_string(d->pid()) + "\n");
-        EXPECT_TRUE(d->wait_ready(ep)) << d->stderr_text();
+        dir.write("d.pid", std::to_string(d.pid()) + "\n");
+        EXPECT_TRUE(d.wait_ready(ep)) << d.stderr_text();
     }
 };
 
@@ -95,7 +89,7 @@ struct exporter {
     int port = free_port();
     child c{{VIREO_EXPORTER_BIN, "--listen", "127.0.0.1:" + std::to_string(port), "-c",
              dir.write("e.json", R"({"processes": [
-        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x10", "id": "6"}}, {"name": "gone", "pid": 4194304}]})")},
+        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")},
             dir.path() + "/log"};
     exporter() { EXPECT_NE(get(port, "/"), "") << read_text_file(dir.path() + "/log"); }
     string probe(const string& target, const string& timeout = "5") {
@@ -131,7 +125,7 @@ TEST(exporter, promtool_accepts_and_values_match) {
     } rows[] = {{"vireo_up", 1},
                 {"vireo_process_up{process=\"daemon\"}", 1},
                 {"vireo_process_up{process=\"gone\"}", 0},
-                {"vireo_process_pid{process=\"daemon\"}", double(b.d->pid())},
+                {"vireo_process_pid{process=\"daemon\"}", double(b.d.pid())},
                 {"vireo_process_state{process=\"daemon\",state=\"S\"}", 1},
                 {"vireo_command_status{command=\"stat\"}", 0}};
     for (auto& r : rows) EXPECT_EQ(value(text, r.sample), r.want) << r.sample << "\n" << text;
@@ -180,16 +174,13 @@ TEST(exporter, prometheus_scrapes_two_boards) {
     exporter e;
     temp_dir t;
     int port = free_port();
-    string cfg = t.write("p.yml",
-                         "global: {scrape_interval: 1s, scrape_timeout: 1s}\nscrape_configs:\n- "
-                         "job_name: vireo\n  metrics_path: /probe\n"
-                         "  static_configs: [{targets: ['" +
-                             b1.ep + "', '" + b2.ep +
-                             "']}]\n  relabel_configs:\n"
-                             "  - {source_labels: [__address__], target_label: __param_target}\n  "
-                             "- {source_labels: [__param_target], target_label: instance}\n"
-                             "  - {target_label: __address__, replacement: '127.0.0.1:" +
-                             std::to_string(e.port) + "'}\n");
+    string cfg = t.write("p.yml", R"(global: {scrape_interval: 1s, scrape_timeout: 1s}
+scrape_configs:
+- {job_name: vireo, metrics_path: /probe, static_configs: [{targets: [')" +
+                                      b1.ep + "', '" + b2.ep + R"(']}],
+   relabel_configs: [{source_labels: [__address__], target_label: __param_target},
+     {source_labels: [__param_target], target_label: instance}, {target_label: __address__, replacement: '127.0.0.1:)" +
+                                      std::to_string(e.port) + "'}]}\n");
     child p({"prometheus", "--config.file=" + cfg, "--storage.tsdb.path=" + t.path() + "/data",
              "--web.listen-address=127.0.0.1:" + std::to_string(port)},
             t.path() + "/log");
