@@ -98,12 +98,16 @@ struct probe_result {
 // Process-wide ZeroMQ context for the probes (thread-safe).
 void* probe_context();
 
-// A board's DEALER socket with its monitor. Kept between probes of the same
-// board (same endpoint and keys), so that a scrape costs no connect, CURVE
-// handshake or socket teardown; used by one probe at a time.
+// A board's DEALER socket. Kept between probes of the same board (same
+// endpoint and keys), so that a scrape costs no connect, CURVE handshake or
+// socket teardown; used by one probe at a time, and dropped after any
+// failure. A new link has a monitor until its first probe ends, to tell a
+// refused connection or handshake from a silent board; a kept link has none,
+// so a board that goes away between scrapes shows as a timeout once, then
+// as refused.
 struct board_link {
     void* sock = nullptr;
-    void* mon = nullptr;  // PAIR socket receiving the monitor's events
+    void* mon = nullptr;  // PAIR socket receiving the monitor's events, or null
     bool handshake_done = false;
     std::chrono::steady_clock::time_point idle_since;
 };

@@ -132,32 +132,16 @@ std::string link_key(const target_spec& t) {
     return t.endpoint + "\n" + t.keys.server_public + "\n" + t.keys.public_key;
 }
 
-// True when the monitor reported nothing but a success while the link was
-// idle: a board that went away or came back gets a fresh link.
-bool still_sound(board_link& l) {
-    bool sound = true;
-    for (;;) {
-        zmq_msg_t head, addr;
-        zmq_msg_init(&head);
-        zmq_msg_init(&addr);
-        bool got = zmq_msg_recv(&head, l.mon, ZMQ_DONTWAIT) >= 6 && zmq_msg_more(&head) &&
-                   zmq_msg_recv(&addr, l.mon, ZMQ_DONTWAIT) >= 0;
-        if (got) {
-            uint16_t event;
-            memcpy(&event, zmq_msg_data(&head), sizeof event);
-            sound = sound && event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
-        }
-        zmq_msg_close(&head);
-        zmq_msg_close(&addr);
-        if (!got) {
-            return sound;
-        }
-    }
-}
-
 probe_session::~probe_session() {
-    // A link with nothing in flight serves the board's next probe.
+    // A link with nothing in flight serves the board's next probe. Its
+    // monitor has done its work (the handshake succeeded) and is let go: its
+    // pipes cost more memory than the link itself.
     if (sock != nullptr && pending == 0 && (reason == reason_none || reason == reason_error)) {
+        if (mon != nullptr) {
+            zmq_socket_monitor(sock, nullptr, 0);
+            zmq_close(mon);
+            mon = nullptr;
+        }
         pool().give(link_key(target), link);
     } else {
         close_link(link);
@@ -166,11 +150,7 @@ probe_session::~probe_session() {
 
 int probe_session::open() {
     if (pool().take(link_key(target), link)) {
-        if (still_sound(link)) {
-            return 0;
-        }
-        close_link(link);
-        link = board_link{};
+        return 0;
     }
     return open_link();
 }
@@ -310,13 +290,13 @@ bool probe_session::wait_all(const std::function<void(size_t)>& on_reply) {
             break;
         }
         zmq_pollitem_t items[] = {{sock, 0, ZMQ_POLLIN, 0}, {mon, 0, ZMQ_POLLIN, 0}};
-        if (zmq_poll(items, 2, static_cast<long>(left.count())) == -1) {
+        if (zmq_poll(items, mon != nullptr ? 2 : 1, static_cast<long>(left.count())) == -1) {
             if (errno != EINTR) {
                 fail(reason_error, std::string("zmq_poll: ") + zmq_strerror(errno));
             }
             continue;
         }
-        if (items[1].revents & ZMQ_POLLIN) {
+        if (mon != nullptr && (items[1].revents & ZMQ_POLLIN)) {
             read_monitor();
         }
         // Every reply queued now; a reply may queue more requests.
