@@ -1,5 +1,6 @@
-// One probe: a fresh ZeroMQ socket to the board, every request sent at once,
-// the replies matched by a tag, and the figures rendered.
+// One probe: a ZeroMQ socket to the board (new, or kept from its last
+// probe), every request sent at once, the replies matched by a tag, and the
+// figures rendered.
 //
 // The socket is a DEALER that speaks the REQ envelope: [tag, empty, frame].
 // The daemon's REP workers hand the envelope back unchanged, so replies may
