@@ -83,15 +83,20 @@ struct board {
     }
 };
 
-// The exporter on a free port, with a configuration naming processes.
+// The exporter on a free port, with a configuration naming processes and
+// the given named targets.
 struct exporter {
     temp_dir dir;
     int port = free_port();
-    child c{{VIREO_EXPORTER_BIN, "--listen", "127.0.0.1:" + std::to_string(port), "-c",
-             dir.write("e.json", R"({"processes": [
+    std::unique_ptr<child> c;
+    explicit exporter(const string& targets = "{}") {
+        c.reset(
+            new child({VIREO_EXPORTER_BIN, "--listen", "127.0.0.1:" + std::to_string(port), "-c",
+                       dir.write("e.json", R"({"targets": )" + targets + R"(, "processes": [
         {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")},
-            dir.path() + "/log"};
-    exporter() { EXPECT_NE(get(port, "/"), "") << read_text_file(dir.path() + "/log"); }
+                      dir.path() + "/log"));
+        EXPECT_NE(get(port, "/"), "") << read_text_file(dir.path() + "/log");
+    }
     string probe(const string& target, const string& timeout = "5") {
         return get(port, "/probe?target=" + target,
                    {{"X-Prometheus-Scrape-Timeout-Seconds", timeout}}, 1);
@@ -137,7 +142,9 @@ TEST(exporter, promtool_accepts_and_values_match) {
 // board started after it completes first.
 TEST(exporter, down_target_does_not_delay_others) {
     board b;
-    exporter e;
+    // A board asked for a command it does not have (-22 unknown sub-command).
+    exporter e(R"({"odd": {"endpoint": ")" + b.ep +
+               R"(", "commands": {"meminfo": {"code": "0x10", "id": "7f"}}}})");
     int silent_fd = socket(AF_INET, SOCK_STREAM, 0);  // accepts, never speaks
     sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof a;
@@ -146,7 +153,8 @@ TEST(exporter, down_target_does_not_delay_others) {
     struct {
         string target, reason;
     } rows[] = {{"tcp://127.0.0.1:" + std::to_string(free_port()), "refused"},
-                {"tcp://127.0.0.1:" + std::to_string(ntohs(a.sin_port)), "timeout"}};
+                {"tcp://127.0.0.1:" + std::to_string(ntohs(a.sin_port)), "timeout"},
+                {"odd", "error"}};
     for (auto& r : rows) {
         auto down = std::async(std::launch::async, [&] { return e.probe(r.target, "1.5"); });
         usleep(100000);
@@ -157,6 +165,9 @@ TEST(exporter, down_target_does_not_delay_others) {
         EXPECT_EQ(value(text, "vireo_up{reason=\"" + r.reason + "\"}"), 0) << text;
         EXPECT_EQ(value(live, "vireo_up"), 1) << live;
         EXPECT_TRUE(down_still_running || r.reason != "timeout");
+        EXPECT_EQ(value(text, "vireo_command_status{command=\"meminfo\"}"),
+                  r.reason == "error" ? -22 : -1)
+            << text;
     }
     close(silent_fd);
     string own = get(e.port, "/metrics");
@@ -164,7 +175,7 @@ TEST(exporter, down_target_does_not_delay_others) {
                              "\",reason=\"timeout\"}"),
               1)
         << own;
-    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + b.ep + "\"}"), 2) << own;
+    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + b.ep + "\"}"), 3) << own;
 }
 
 TEST(exporter, prometheus_scrapes_two_boards) {
