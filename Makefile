@@ -16,7 +16,9 @@ configure: bootstrap
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
+# The exporter's tests check its pages with Prometheus' promtool and server.
 test: build
+	scripts/bootstrap prometheus
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
 # The daemon in the foreground on the demo configuration (127.0.0.1:6600).
