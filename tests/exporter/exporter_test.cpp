@@ -207,4 +207,24 @@ scrape_configs:
     EXPECT_EQ(instances, (std::set<string>{b1.ep, b2.ep})) << read_text_file(t.path() + "/log");
 }
 
+// Configurations the exporter refuses, with the reason on stderr (exit 78).
+TEST(exporter, refuses_bad_configurations) {
+    temp_dir t;
+    struct {
+        string json, err;
+    } rows[] = {{R"({"server_key": "k"})", "unknown key \"server_key\""},
+                {R"({"server-key": "short"})", "cannot open key file short"},
+                {R"({"commands": {"meminfo": {"code": "zz", "id": "1"}}})", "hexadecimal"},
+                {R"({"processes": [{"name": "a"}]})", "needs either \"pid\" or \"pidfile\""},
+                {R"({"targets": {"a": {"server-key": ""}}})", "targets.a: needs an \"endpoint\""}};
+    for (auto& r : rows) {
+        string cfg = t.write("c.json", r.json), err = t.path() + "/err";
+        int st =
+            system((VIREO_EXPORTER_BIN " --listen 127.0.0.1:1 -c " + cfg + " 2>" + err).c_str());
+        EXPECT_EQ(WEXITSTATUS(st), 78) << r.json;
+        EXPECT_NE(read_text_file(err).find(r.err), string::npos) << r.json << "\n"
+                                                                 << read_text_file(err);
+    }
+}
+
 }  // namespace

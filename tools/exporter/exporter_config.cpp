@@ -4,6 +4,7 @@
 #include <zmq.h>
 
 #include <fstream>
+#include <initializer_list>
 #include <stdexcept>
 
 #include "exporter.h"
@@ -129,6 +130,21 @@ std::vector<process_spec> read_processes(const Json::Value& v, const string& whe
     return out;
 }
 
+// A misspelt key would silently fall back to a default (a missing
+// "server-key" means plaintext): every key must be one of these.
+void check_keys(const Json::Value& v, std::initializer_list<const char*> allowed,
+                const string& where) {
+    for (const string& name : v.getMemberNames()) {
+        bool ok = false;
+        for (const char* a : allowed) {
+            ok = ok || name == a;
+        }
+        if (!ok) {
+            throw runtime_error(where + ": unknown key \"" + name + "\"");
+        }
+    }
+}
+
 // Keys, commands, processes and clock rate of one target over base.
 void read_target(const Json::Value& v, target_spec& t, const string& where) {
     if (v.isMember("server-key")) {
@@ -203,6 +219,10 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
         if (!root.isObject()) {
             throw runtime_error(path + " does not hold an object");
         }
+        check_keys(root,
+                   {"threads", "timeout", "server-key", "key", "user-hz", "commands", "processes",
+                    "targets"},
+                   path);
         if (root.isMember("threads")) {
             if (!root["threads"].isInt() || root["threads"].asInt() < 1 ||
                 root["threads"].asInt() > 4096) {
@@ -227,6 +247,8 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
             if (!v.isObject() || !v["endpoint"].isString()) {
                 throw runtime_error(at + ": needs an \"endpoint\"");
             }
+            check_keys(v, {"endpoint", "server-key", "key", "user-hz", "commands", "processes"},
+                       at);
             target_spec t = out.defaults;
             t.endpoint = v["endpoint"].asString();
             read_target(v, t, at);
