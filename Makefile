@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap configure build test run clean bench fuzz soak package test-arm64
+.PHONY: all bootstrap configure build test run run-exporter clean bench fuzz soak package test-arm64
 
 all: build
 
@@ -16,12 +16,19 @@ configure: bootstrap
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
+# The exporter's tests check its pages with Prometheus' promtool and server.
 test: build
+	scripts/bootstrap prometheus
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
 # The daemon in the foreground on the demo configuration (127.0.0.1:6600).
 run: build
 	$(BUILD_DIR)/bin/vireo-monitor -c config/demo/main.json
+
+# Two demo daemons scraped by Prometheus through vireo-exporter, on free
+# 127.0.0.1 ports; Ctrl-C stops them all.
+run-exporter: build
+	scripts/run-exporter $(BUILD_DIR)
 
 # Daemon against its bare ZeroMQ topology; report in build/bench/.
 bench: build

@@ -1,0 +1,230 @@
+// The real vireo-exporter between real daemons and Prometheus' own tools.
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <json/json.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include "test_util.h"
+
+namespace {
+using std::string;
+
+// A program run with its output in log; stopped by PID (TERM, then KILL).
+struct child {
+    pid_t pid;
+    child(std::vector<string> argv, const string& log) {
+        pid = fork();
+        if (pid == 0) {
+            freopen(log.c_str(), "w", stdout), dup2(1, 2);
+            std::vector<char*> a;
+            for (string& s : argv) a.push_back(s.data());
+            a.push_back(nullptr);
+            execvp(a[0], a.data());
+            _exit(127);
+        }
+    }
+    ~child() {
+        kill(pid, SIGTERM);
+        for (int i = 0; i < 100 && waitpid(pid, nullptr, WNOHANG) == 0; i++) usleep(50000);
+        if (kill(pid, SIGKILL) == 0)
+            waitpid(pid, nullptr, 0);
+    }
+};
+
+bool have(const string& tool) {
+    return system(("command -v " + tool + " >/dev/null").c_str()) == 0;
+}
+
+// GET path from 127.0.0.1:port, retried (bounded) until it answers 200.
+string get(int port, const string& path, const httplib::Headers& h = {}, int tries = 100) {
+    httplib::Client c("127.0.0.1", port);
+    c.set_read_timeout(10, 0);
+    for (int i = 0; i < tries; i++, usleep(100000))
+        if (auto r = c.Get(path.c_str(), h); r && r->status == 200)
+            return r->body;
+    return "";
+}
+
+// The value of the sample line that starts with "name " (labels included).
+double value(const string& text, const string& name) {
+    size_t at = text.find("\n" + name + " ");
+    return at == string::npos ? -1 : std::stod(text.substr(at + name.size() + 2));
+}
+
+// A daemon on a free port with the demo's system (0x10) and process (0x20)
+// groups, and 0x11 1 serving a pidfile that holds the daemon's pid.
+struct board {
+    temp_dir dir;
+    int port = free_port();
+    string ep = "tcp://127.0.0.1:" + std::to_string(port), demo = VIREO_SOURCE_DIR "/config/demo/";
+    string sub(const char* cls, const char* code, const string& path) {
+        return R"({"class": ")" + string(cls) + R"(", "code": ")" + code + R"(", "config": ")" +
+               path + R"("})";
+    }
+    string pid = dir.write("pid.json",
+                           R"({"cmd-list": [{"name": "d", "id": "1", "type": "file", "file": ")" +
+                               dir.path() + R"(/d.pid"}]})");
+    daemon_process d{
+        {"-c", dir.write("main.json", R"({"mode": "m", "server_ip": "127.0.0.1", "port": )" +
+                                          std::to_string(port) + R"(, "sub-configs": [)" +
+                                          sub("system", "0x10", demo + "system.json") + "," +
+                                          sub("process", "0x20", demo + "process.json") + "," +
+                                          sub("pid", "0x11", pid) + "]}")}};
+    board() {
+        dir.write("d.pid", std::to_string(d.pid()) + "\n");
+        EXPECT_TRUE(d.wait_ready(ep)) << d.stderr_text();
+    }
+};
+
+// The exporter on a free port, with a configuration naming processes and
+// the given named targets.
+struct exporter {
+    temp_dir dir;
+    int port = free_port();
+    std::unique_ptr<child> c;
+    explicit exporter(const string& targets = "{}") {
+        c.reset(
+            new child({VIREO_EXPORTER_BIN, "--listen", "127.0.0.1:" + std::to_string(port), "-c",
+                       dir.write("e.json", R"({"targets": )" + targets + R"(, "processes": [
+        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")},
+                      dir.path() + "/log"));
+        EXPECT_NE(get(port, "/"), "") << read_text_file(dir.path() + "/log");
+    }
+    string probe(const string& target, const string& timeout = "5") {
+        return get(port, "/probe?target=" + target,
+                   {{"X-Prometheus-Scrape-Timeout-Seconds", timeout}}, 1);
+    }
+};
+
+TEST(exporter, promtool_accepts_and_values_match) {
+    if (!have("promtool"))
+        GTEST_SKIP() << "promtool missing (Debian package prometheus)";
+    board b;
+    exporter e;
+    string text = e.probe(b.ep);
+    temp_dir t;
+    string in = t.write("m.prom", text), out = t.path() + "/lint";
+    int st = system(("promtool check metrics <" + in + " >" + out + " 2>&1").c_str());
+    // Exit 3 is lint advice only: the /proc/meminfo field names keep their case.
+    EXPECT_TRUE(WEXITSTATUS(st) == 0 || WEXITSTATUS(st) == 3) << read_text_file(out);
+    std::istringstream lint(read_text_file(out));
+    for (string line; std::getline(lint, line);)
+        EXPECT_TRUE(line.rfind("vireo_memory_", 0) == 0 && line.find("camelCase") != string::npos)
+            << line;
+    std::ifstream mi("/proc/meminfo");
+    string key;
+    double kb = 0;
+    mi >> key >> kb;
+    EXPECT_EQ(key, "MemTotal:");
+    EXPECT_EQ(value(text, "vireo_memory_MemTotal_bytes"), kb * 1024) << text;
+    struct {
+        string sample;
+        double want;
+    } rows[] = {{"vireo_up", 1},
+                {"vireo_process_up{process=\"daemon\"}", 1},
+                {"vireo_process_up{process=\"gone\"}", 0},
+                {"vireo_process_pid{process=\"daemon\"}", double(b.d.pid())},
+                {"vireo_process_state{process=\"daemon\",state=\"S\"}", 1},
+                {"vireo_command_status{command=\"stat\"}", 0}};
+    for (auto& r : rows) EXPECT_EQ(value(text, r.sample), r.want) << r.sample << "\n" << text;
+    EXPECT_GE(value(text, "vireo_process_threads{process=\"daemon\"}"), 7);
+    EXPECT_GT(value(text, "vireo_cpu_seconds_total{cpu=\"0\",mode=\"idle\"}"), 0);
+}
+
+// A down target answers vireo_up 0 with its reason, while a probe of a live
+// board started after it completes first.
+TEST(exporter, down_target_does_not_delay_others) {
+    board b;
+    // A board asked for a command it does not have (-22 unknown sub-command).
+    exporter e(R"({"odd": {"endpoint": ")" + b.ep +
+               R"(", "commands": {"meminfo": {"code": "0x10", "id": "7f"}}}})");
+    int silent_fd = socket(AF_INET, SOCK_STREAM, 0);  // accepts, never speaks
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof a;
+    bind(silent_fd, reinterpret_cast<sockaddr*>(&a), len), listen(silent_fd, 8),
+        getsockname(silent_fd, reinterpret_cast<sockaddr*>(&a), &len);
+    struct {
+        string target, reason;
+    } rows[] = {{"tcp://127.0.0.1:" + std::to_string(free_port()), "refused"},
+                {"tcp://127.0.0.1:" + std::to_string(ntohs(a.sin_port)), "timeout"},
+                {"odd", "error"}};
+    for (auto& r : rows) {
+        auto down = std::async(std::launch::async, [&] { return e.probe(r.target, "1.5"); });
+        usleep(100000);
+        string live = e.probe(b.ep, "1.5");
+        bool down_still_running =
+            down.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
+        string text = down.get();
+        EXPECT_EQ(value(text, "vireo_up{reason=\"" + r.reason + "\"}"), 0) << text;
+        EXPECT_EQ(value(live, "vireo_up"), 1) << live;
+        EXPECT_TRUE(down_still_running || r.reason != "timeout");
+        EXPECT_EQ(value(text, "vireo_command_status{command=\"meminfo\"}"),
+                  r.reason == "error" ? -22 : -1)
+            << text;
+    }
+    close(silent_fd);
+    string own = get(e.port, "/metrics");
+    EXPECT_EQ(value(own, "vireo_exporter_probe_errors_total{target=\"" + rows[1].target +
+                             "\",reason=\"timeout\"}"),
+              1)
+        << own;
+    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + b.ep + "\"}"), 3) << own;
+}
+
+TEST(exporter, prometheus_scrapes_two_boards) {
+    if (!have("prometheus"))
+        GTEST_SKIP() << "prometheus missing (Debian package prometheus)";
+    board b1, b2;
+    exporter e;
+    temp_dir t;
+    int port = free_port();
+    string cfg = t.write("p.yml", R"(global: {scrape_interval: 1s, scrape_timeout: 1s}
+scrape_configs:
+- {job_name: vireo, metrics_path: /probe, static_configs: [{targets: [')" +
+                                      b1.ep + "', '" + b2.ep + R"(']}],
+   relabel_configs: [{source_labels: [__address__], target_label: __param_target},
+     {source_labels: [__param_target], target_label: instance}, {target_label: __address__, replacement: '127.0.0.1:)" +
+                                      std::to_string(e.port) + "'}]}\n");
+    child p({"prometheus", "--config.file=" + cfg, "--storage.tsdb.path=" + t.path() + "/data",
+             "--web.listen-address=127.0.0.1:" + std::to_string(port)},
+            t.path() + "/log");
+    std::set<string> instances;
+    for (int i = 0; i < 120 && instances.size() < 2; i++, usleep(250000)) {
+        Json::Value v;
+        std::istringstream in(get(port, "/api/v1/query?query=vireo_memory_MemTotal_bytes", {}, 1));
+        if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr))
+            continue;
+        for (const Json::Value& r : v["data"]["result"])
+            instances.insert(r["metric"]["instance"].asString());
+    }
+    EXPECT_EQ(instances, (std::set<string>{b1.ep, b2.ep})) << read_text_file(t.path() + "/log");
+}
+
+// Configurations the exporter refuses, with the reason on stderr (exit 78).
+TEST(exporter, refuses_bad_configurations) {
+    temp_dir t;
+    struct {
+        string json, err;
+    } rows[] = {{R"({"server_key": "k"})", "unknown key \"server_key\""},
+                {R"({"server-key": "short"})", "cannot open key file short"},
+                {R"({"commands": {"meminfo": {"code": "zz", "id": "1"}}})", "hexadecimal"},
+                {R"({"processes": [{"name": "a"}]})", "needs either \"pid\" or \"pidfile\""},
+                {R"({"targets": {"a": {"server-key": ""}}})", "targets.a: needs an \"endpoint\""}};
+    for (auto& r : rows) {
+        string cfg = t.write("c.json", r.json), err = t.path() + "/err";
+        int st =
+            system((VIREO_EXPORTER_BIN " --listen 127.0.0.1:1 -c " + cfg + " 2>" + err).c_str());
+        EXPECT_EQ(WEXITSTATUS(st), 78) << r.json;
+        EXPECT_NE(read_text_file(err).find(r.err), string::npos) << r.json << "\n"
+                                                                 << read_text_file(err);
+    }
+}
+
+}  // namespace

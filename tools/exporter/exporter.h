@@ -1,0 +1,138 @@
+// vireo-exporter: serves the figures of vireo-monitor boards in Prometheus'
+// text exposition format. Each probe asks one board over its own ZeroMQ
+// socket; nothing is shared between probes but the ZeroMQ context.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+// A command of the board, by group code and id.
+struct cmd_ref {
+    bool set = false;
+    uint32_t code = 0;
+    uint32_t id = 0;
+};
+
+// The commands the exporter asks a board for. An unset entry is not asked.
+struct command_map {
+    cmd_ref meminfo, loadavg, uptime, stat;
+    cmd_ref process_status, process_stat;  // "$pid" file commands
+};
+
+// A process to report: a fixed pid, or a pidfile on the board that a file
+// command serves.
+struct process_spec {
+    std::string name;
+    uint32_t pid = 0;
+    cmd_ref pidfile;
+    std::string pidfile_path;  // for messages only
+};
+
+// CURVE keys as 40-character Z85 text; all empty for plaintext.
+struct curve_keys {
+    std::string server_public, public_key, secret_key;
+    bool on() const { return !server_public.empty(); }
+};
+
+// Everything one probe needs to know about its board.
+struct target_spec {
+    std::string endpoint;
+    curve_keys keys;
+    command_map cmds;
+    std::vector<process_spec> processes;
+    double user_hz = 100;  // clock ticks per second of /proc/stat and /proc/PID/stat
+};
+
+struct exporter_config {
+    target_spec defaults;                        // tcp:// targets; base of named ones
+    std::map<std::string, target_spec> targets;  // named targets
+    int threads = 64;                            // HTTP worker threads = concurrent probes
+    double timeout_s = 5;  // probe timeout without X-Prometheus-Scrape-Timeout-Seconds
+};
+
+// The built-in configuration: plaintext and the demo configuration's commands
+// (0x10: meminfo 1, loadavg 2, uptime 3, stat 4; 0x20: status 1, stat 2).
+exporter_config default_exporter_config();
+
+// Reads the exporter's JSON configuration over the built-in one. Returns 0,
+// or -1 with why set.
+int load_exporter_config(const std::string& path, exporter_config& out, std::string& why);
+
+// The spec of target T: a configured name, or tcp://HOST:PORT with the
+// defaults. Returns 0, or -1 with why set.
+int resolve_target(const exporter_config& cfg, const std::string& target, target_spec& out,
+                   std::string& why);
+
+// Writes the text exposition format: HELP and TYPE once per family, then its
+// samples. Families must be written whole, one after another.
+class metric_writer {
+public:
+    void family(const char* name, const char* type, const char* help);
+    // labels: name/value pairs; values are escaped here.
+    void sample(const std::string& name,
+                const std::vector<std::pair<const char*, std::string>>& labels, double value);
+    void sample(const std::string& name, double value) { sample(name, {}, value); }
+    std::string out;
+};
+
+// Label value escaping of the text format: backslash, double quote, newline.
+std::string escape_label(const std::string& v);
+// A Prometheus name from free text: [a-zA-Z0-9_], others become '_', a
+// trailing '_' dropped ("Active(anon)" -> "Active_anon").
+std::string metric_name_part(const std::string& text);
+
+// What a probe found.
+enum probe_reason { reason_none, reason_timeout, reason_refused, reason_malformed, reason_error };
+const char* reason_text(probe_reason r);
+
+struct probe_result {
+    probe_reason reason = reason_none;
+    std::string why;   // for the exporter's log of one probe
+    std::string text;  // the exposition, vireo_up and duration included
+    double seconds = 0;
+};
+
+// Process-wide ZeroMQ context for the probes (thread-safe).
+void* probe_context();
+
+// A board's DEALER socket. Kept between probes of the same board (same
+// endpoint and keys), so that a scrape costs no connect, CURVE handshake or
+// socket teardown; used by one probe at a time, and dropped after any
+// failure. A new link has a monitor until its first probe ends, to tell a
+// refused connection or handshake from a silent board; a kept link has none,
+// so a board that goes away between scrapes shows as a timeout once, then
+// as refused.
+struct board_link {
+    void* sock = nullptr;
+    void* mon = nullptr;  // PAIR socket receiving the monitor's events, or null
+    bool handshake_done = false;
+    std::chrono::steady_clock::time_point idle_since;
+};
+void close_link(board_link& l);
+
+// Probes one board within timeout_s and renders its metrics.
+void run_probe(const target_spec& t, double timeout_s, probe_result& out);
+
+// Parsers: each appends its families to w. Text is a file's contents as the
+// board sent it (cut at 8191 bytes at most: a cut last line is ignored).
+void render_meminfo(const std::string& text, metric_writer& w);
+void render_loadavg(const std::string& text, metric_writer& w);
+void render_stat(const std::string& text, double user_hz, metric_writer& w);
+void render_uptime(const std::string& text, metric_writer& w);
+
+// One named process from its /proc/PID/status and /proc/PID/stat.
+struct process_sample {
+    std::string name;
+    bool up = false;
+    uint32_t pid = 0;
+    double rss_bytes = 0, cpu_seconds = 0, threads = 0;
+    std::string state;  // "R", "S", ...
+};
+bool parse_process(const std::string& status, const std::string& stat, double user_hz,
+                   process_sample& out);
+void render_processes(const std::vector<process_sample>& procs, metric_writer& w);
+// The pid of a pidfile's text, or 0.
+uint32_t parse_pidfile(const std::string& text);

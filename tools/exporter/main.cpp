@@ -1,0 +1,298 @@
+// vireo-exporter: Prometheus' probing exporter for vireo-monitor boards.
+//   GET /probe?target=T   one board's figures (T: tcp://HOST:PORT or a name)
+//   GET /metrics          the exporter's own figures
+#include <httplib.h>
+#include <malloc.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+
+#include "exporter.h"
+
+#ifndef VIREO_VERSION
+#define VIREO_VERSION "unknown"
+#endif
+
+namespace {
+
+constexpr int exit_usage = 64;
+constexpr int exit_config = 78;
+constexpr int exit_listen = 1;
+
+const char usage_text[] =
+    "usage: vireo-exporter --listen ADDR:PORT [-c FILE]\n"
+    "  --listen ADDR:PORT  HTTP address to serve /probe and /metrics on\n"
+    "  -c FILE             exporter configuration (JSON): keys, commands, processes,\n"
+    "                      named targets; without it tcp:// targets are probed in\n"
+    "                      plaintext with the demo configuration's commands\n"
+    "  -h, --help          print this text\n";
+
+const char content_type[] = "text/plain; version=0.0.4; charset=utf-8";
+
+// Prometheus' scrape timeout less this, so that the answer arrives in time.
+constexpr double timeout_margin_s = 0.25;
+constexpr double min_timeout_s = 0.05;
+
+// Probe latency buckets, seconds.
+constexpr double buckets[] = {0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5, 10};
+constexpr size_t n_buckets = sizeof buckets / sizeof buckets[0];
+
+// The exporter's own figures per target, updated after each probe.
+struct target_stats {
+    uint64_t probes = 0;
+    uint64_t failures[5] = {};  // by probe_reason
+    uint64_t bucket_counts[n_buckets] = {};
+    double seconds_sum = 0;
+};
+
+std::mutex stats_lock;  // held only to update or copy the figures
+std::map<std::string, target_stats> stats;
+
+// Targets come from the scraper's query: past this many, new ones are not
+// counted, so that a stray client cannot grow the exporter without bound.
+constexpr size_t max_counted_targets = 10000;
+
+void record(const std::string& target, const probe_result& r) {
+    std::lock_guard<std::mutex> g(stats_lock);
+    if (stats.size() >= max_counted_targets && stats.count(target) == 0) {
+        return;
+    }
+    target_stats& s = stats[target];
+    s.probes++;
+    s.failures[r.reason]++;
+    s.seconds_sum += r.seconds;
+    for (size_t i = 0; i < n_buckets; i++) {
+        s.bucket_counts[i] += r.seconds <= buckets[i] ? 1 : 0;
+    }
+}
+
+std::string own_metrics() {
+    std::map<std::string, target_stats> copy;
+    {
+        std::lock_guard<std::mutex> g(stats_lock);
+        copy = stats;
+    }
+    metric_writer w;
+    w.family("vireo_exporter_build_info", "gauge", "Version of vireo-exporter, value 1.");
+    w.sample("vireo_exporter_build_info", {{"version", VIREO_VERSION}}, 1);
+    w.family("vireo_exporter_probes_total", "counter", "Probes of each target.");
+    for (const auto& [t, s] : copy) {
+        w.sample("vireo_exporter_probes_total", {{"target", t}}, static_cast<double>(s.probes));
+    }
+    w.family("vireo_exporter_probe_errors_total", "counter",
+             "Probes of each target that ended with vireo_up 0, by reason.");
+    for (const auto& [t, s] : copy) {
+        for (int r = reason_timeout; r <= reason_error; r++) {
+            w.sample("vireo_exporter_probe_errors_total",
+                     {{"target", t}, {"reason", reason_text(static_cast<probe_reason>(r))}},
+                     static_cast<double>(s.failures[r]));
+        }
+    }
+    w.family("vireo_exporter_probe_duration_seconds", "histogram", "Seconds each probe took.");
+    for (const auto& [t, s] : copy) {
+        const std::string h = "vireo_exporter_probe_duration_seconds";
+        for (size_t i = 0; i < n_buckets; i++) {
+            char le[32];
+            snprintf(le, sizeof le, "%g", buckets[i]);
+            w.sample(h + "_bucket", {{"target", t}, {"le", le}},
+                     static_cast<double>(s.bucket_counts[i]));
+        }
+        w.sample(h + "_bucket", {{"target", t}, {"le", "+Inf"}}, static_cast<double>(s.probes));
+        w.sample(h + "_sum", {{"target", t}}, s.seconds_sum);
+        w.sample(h + "_count", {{"target", t}}, static_cast<double>(s.probes));
+    }
+    return w.out;
+}
+
+// The probe's time budget from Prometheus' header, else the configured one.
+double probe_timeout(const httplib::Request& req, double fallback) {
+    std::string h = req.get_header_value("X-Prometheus-Scrape-Timeout-Seconds");
+    char* end = nullptr;
+    double v = strtod(h.c_str(), &end);
+    if (h.empty() || *end != '\0' || !(v > 0)) {
+        return fallback;
+    }
+    return std::max(min_timeout_s, v - timeout_margin_s);
+}
+
+// True when the request's Accept-Encoding lists gzip (without q=0).
+bool accepts_gzip(const httplib::Request& req) {
+    std::string a = req.get_header_value("Accept-Encoding");
+    for (char& c : a) {
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    }
+    size_t at = a.find("gzip");
+    if (at == std::string::npos) {
+        return false;
+    }
+    size_t end = a.find(',', at);
+    std::string params =
+        a.substr(at + 4, end == std::string::npos ? std::string::npos : end - at - 4);
+    params.erase(std::remove(params.begin(), params.end(), ' '), params.end());
+    return params.rfind(";q=0", 0) != 0 ||
+           params.find_first_of("123456789", 4) != std::string::npos;
+}
+
+// A page, gzip-compressed when the scraper takes it (Prometheus does). The
+// compressor is ours, with a 4 KiB window and a small hash, about 30 KiB of
+// state: the library's would take 256 KiB per page being sent (or several
+// MiB for brotli), which a fleet's simultaneous scrapes multiply. The
+// library is kept from compressing again by taking Accept-Encoding out of
+// the request, whose object it owns and does not hold const.
+void send_page(const httplib::Request& req, httplib::Response& res, const std::string& text) {
+    bool gzip = accepts_gzip(req);
+    const_cast<httplib::Request&>(req).headers.erase("Accept-Encoding");
+    z_stream z{};
+    if (!gzip || deflateInit2(&z, 1, Z_DEFLATED, 12 + 16, 4, Z_DEFAULT_STRATEGY) != Z_OK) {
+        res.set_content(text, content_type);
+        return;
+    }
+    std::string out(deflateBound(&z, text.size()), '\0');
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    z.avail_in = static_cast<uInt>(text.size());
+    z.next_out = reinterpret_cast<Bytef*>(&out[0]);
+    z.avail_out = static_cast<uInt>(out.size());
+    int rc = deflate(&z, Z_FINISH);
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    if (rc != Z_STREAM_END) {
+        res.set_content(text, content_type);
+        return;
+    }
+    res.set_header("Content-Encoding", "gzip");
+    res.set_content(out, content_type);
+}
+
+bool split_listen(const std::string& text, std::string& host, int& port) {
+    size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0) {
+        return false;
+    }
+    host = text.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    std::string p = text.substr(colon + 1);
+    if (p.empty() || p.size() > 5 || p.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    port = std::stoi(p);
+    return port > 0 && port < 65536;
+}
+
+int usage_error(const std::string& why) {
+    fprintf(stderr, "vireo-exporter: %s\n%s", why.c_str(), usage_text);
+    return exit_usage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string listen, config_path;
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "-h" || a == "--help") {
+            fputs(usage_text, stdout);
+            return 0;
+        }
+        if ((a == "--listen" || a == "-c") && i + 1 < argc) {
+            (a == "-c" ? config_path : listen) = argv[++i];
+        } else {
+            return usage_error("unexpected argument \"" + a + "\"");
+        }
+    }
+    std::string host;
+    int port = 0;
+    if (!split_listen(listen, host, port)) {
+        return usage_error(listen.empty() ? "--listen ADDR:PORT is required"
+                                          : "--listen takes ADDR:PORT, not \"" + listen + "\"");
+    }
+    exporter_config cfg = default_exporter_config();
+    std::string why;
+    if (!config_path.empty() && load_exporter_config(config_path, cfg, why) != 0) {
+        fprintf(stderr, "vireo-exporter: %s\n", why.c_str());
+        return exit_config;
+    }
+
+    // Signals are taken by one thread, which stops the server cleanly.
+    sigset_t sigs;
+    sigemptyset(&sigs);
+    sigaddset(&sigs, SIGINT);
+    sigaddset(&sigs, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &sigs, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    probe_context();
+    // One malloc arena per thread would grow the resident set with the pool
+    // size; probes allocate little, so two arenas serve them all.
+    mallopt(M_ARENA_MAX, 2);
+    // Freed memory stays in the heap for the next probe: handing it back to
+    // the system after each one (brk, madvise) and faulting it in again
+    // cost a third of a probe's CPU.
+    mallopt(M_TRIM_THRESHOLD, 32 * 1024 * 1024);
+    mallopt(M_MMAP_THRESHOLD, 1024 * 1024);
+
+    httplib::Server svr;
+    const int threads = cfg.threads;
+    svr.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+    // One request per connection: scrapes come seconds apart, and the server
+    // would keep a thread polling each idle kept-alive connection meanwhile.
+    svr.set_keep_alive_max_count(1);
+    // Headers and body go out in separate writes: no Nagle delay between them.
+    svr.set_tcp_nodelay(true);
+    svr.Get("/probe", [&cfg](const httplib::Request& req, httplib::Response& res) {
+        std::string target = req.get_param_value("target"), err;
+        target_spec spec;
+        if (target.empty() || resolve_target(cfg, target, spec, err) != 0) {
+            res.status = 400;
+            res.set_content((target.empty() ? "no target given" : err) + "\n", "text/plain");
+            return;
+        }
+        probe_result r;
+        run_probe(spec, probe_timeout(req, cfg.timeout_s), r);
+        record(target, r);
+        send_page(req, res, r.text);
+    });
+    svr.Get("/metrics", [](const httplib::Request& req, httplib::Response& res) {
+        send_page(req, res, own_metrics());
+    });
+    svr.Get("/", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(
+            "vireo-exporter\n  /probe?target=tcp://HOST:PORT  one board's figures\n"
+            "  /metrics                       the exporter's own figures\n",
+            "text/plain");
+    });
+    // The library listens with a backlog of 5: a fleet's scrapes arrive
+    // together, and a connection beyond the backlog waits a second for its
+    // SYN to be sent again. The socket is listened on again with a deep one.
+    int listen_fd = -1;
+    svr.set_socket_options([&listen_fd](int fd) {
+        httplib::default_socket_options(fd);
+        listen_fd = fd;
+    });
+    if (!svr.bind_to_port(host.c_str(), port) || ::listen(listen_fd, SOMAXCONN) != 0) {
+        fprintf(stderr, "vireo-exporter: cannot listen on %s\n", listen.c_str());
+        return exit_listen;
+    }
+    fprintf(stderr, "vireo-exporter listening %s\n", listen.c_str());
+    std::thread stopper([&svr, sigs] {
+        int sig = 0;
+        sigwait(&sigs, &sig);
+        svr.stop();
+    });
+    bool ok = svr.listen_after_bind();
+    if (stopper.joinable()) {
+        // Stopped by a signal: the stopper has returned. Otherwise wake it.
+        if (ok) {
+            stopper.join();
+        } else {
+            pthread_kill(stopper.native_handle(), SIGTERM);
+            stopper.join();
+        }
+    }
+    return ok ? 0 : exit_listen;
+}

@@ -1,0 +1,471 @@
+// One probe: a ZeroMQ socket to the board (new, or kept from its last
+// probe), every request sent at once, the replies matched by a tag, and the
+// figures rendered.
+//
+// The socket is a DEALER that speaks the REQ envelope: [tag, empty, frame].
+// The daemon's REP workers hand the envelope back unchanged, so replies may
+// arrive in any order and still find their request, and the board's workers
+// serve one probe's requests side by side.
+#include <zmq.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <unordered_map>
+
+#include "exporter.h"
+#include "vireo_client.h"
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+struct request {
+    uint32_t code = 0, id = 0;
+    std::vector<uint8_t> payload;
+    bool done = false;
+    client_reply reply;
+};
+
+// What a probe has in flight, and how it ended.
+class probe_session {
+public:
+    probe_session(const target_spec& t, clock_type::time_point deadline)
+        : target(t), deadline(deadline) {}
+    ~probe_session();
+
+    int open();
+    // Queues and sends one request; returns its index.
+    size_t send(const cmd_ref& ref, const std::vector<uint8_t>& payload);
+    // Waits for every sent request, or until the deadline or a failure.
+    // Returns false with reason and why set on a failure.
+    bool wait_all(const std::function<void(size_t)>& on_reply);
+
+    const target_spec& target;
+    clock_type::time_point deadline;
+    board_link link;
+    void*& sock = link.sock;
+    void*& mon = link.mon;
+    std::vector<request> reqs;
+    size_t pending = 0;
+    probe_reason reason = reason_none;
+    std::string why;
+
+private:
+    void fail(probe_reason r, const std::string& text) {
+        if (reason == reason_none) {
+            reason = r;
+            why = text;
+        }
+    }
+    void read_monitor();
+    // Reads one queued reply: the index of the request it completes, or -1.
+    int read_reply();
+    // A new socket and its monitor, connecting to the board.
+    int open_link();
+    bool& handshake_done = link.handshake_done;
+};
+
+std::atomic<unsigned> monitor_serial{0};
+
+// Links of boards between probes. The lock is held only to take or give one.
+class link_pool {
+public:
+    // An idle link to key, or false.
+    bool take(const std::string& key, board_link& out) {
+        std::lock_guard<std::mutex> g(lock);
+        auto it = idle.find(key);
+        if (it == idle.end()) {
+            return false;
+        }
+        out = it->second;
+        idle.erase(it);
+        return true;
+    }
+    void give(const std::string& key, board_link l) {
+        std::vector<board_link> stale;
+        {
+            std::lock_guard<std::mutex> g(lock);
+            const auto now = clock_type::now();
+            if (idle.size() < max_idle) {
+                l.idle_since = now;
+                idle.emplace(key, l);
+            } else {
+                stale.push_back(l);
+            }
+            // Links of boards no longer probed are let go.
+            if (now - last_sweep > std::chrono::seconds(10)) {
+                last_sweep = now;
+                for (auto it = idle.begin(); it != idle.end();) {
+                    if (now - it->second.idle_since > max_idle_time) {
+                        stale.push_back(it->second);
+                        it = idle.erase(it);
+                    } else {
+                        ++it;
+                    }
+                }
+            }
+        }
+        for (board_link& s : stale) {
+            close_link(s);
+        }
+    }
+
+private:
+    static constexpr size_t max_idle = 4096;
+    static constexpr std::chrono::seconds max_idle_time{120};
+    std::mutex lock;
+    std::unordered_multimap<std::string, board_link> idle;
+    clock_type::time_point last_sweep = clock_type::now();
+};
+
+link_pool& pool() {
+    static link_pool p;
+    return p;
+}
+
+// Which links may serve a target: same endpoint, same keys.
+std::string link_key(const target_spec& t) {
+    return t.endpoint + "\n" + t.keys.server_public + "\n" + t.keys.public_key;
+}
+
+probe_session::~probe_session() {
+    // A link with nothing in flight serves the board's next probe. Its
+    // monitor has done its work (the handshake succeeded) and is let go: its
+    // pipes cost more memory than the link itself.
+    if (sock != nullptr && pending == 0 && (reason == reason_none || reason == reason_error)) {
+        if (mon != nullptr) {
+            zmq_socket_monitor(sock, nullptr, 0);
+            zmq_close(mon);
+            mon = nullptr;
+        }
+        pool().give(link_key(target), link);
+    } else {
+        close_link(link);
+    }
+}
+
+int probe_session::open() {
+    if (pool().take(link_key(target), link)) {
+        return 0;
+    }
+    return open_link();
+}
+
+int probe_session::open_link() {
+    void* ctx = probe_context();
+    sock = zmq_socket(ctx, ZMQ_DEALER);
+    if (sock == nullptr) {
+        fail(reason_error, std::string("zmq_socket: ") + zmq_strerror(errno));
+        return -1;
+    }
+    int zero = 0;
+    zmq_setsockopt(sock, ZMQ_LINGER, &zero, sizeof zero);
+    if (target.keys.on()) {
+        const curve_keys& k = target.keys;
+        if (zmq_setsockopt(sock, ZMQ_CURVE_SERVERKEY, k.server_public.c_str(), 41) != 0 ||
+            zmq_setsockopt(sock, ZMQ_CURVE_PUBLICKEY, k.public_key.c_str(), 41) != 0 ||
+            zmq_setsockopt(sock, ZMQ_CURVE_SECRETKEY, k.secret_key.c_str(), 41) != 0) {
+            fail(reason_error, std::string("CURVE keys: ") + zmq_strerror(errno));
+            return -1;
+        }
+    }
+    // The monitor tells a refused connection or handshake from a silent board.
+    std::string mon_ep = "inproc://vireo-exporter-monitor-" + std::to_string(++monitor_serial);
+    int events = ZMQ_EVENT_CONNECT_RETRIED | ZMQ_EVENT_DISCONNECTED |
+                 ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL |
+                 ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH;
+    if (zmq_socket_monitor(sock, mon_ep.c_str(), events) != 0 ||
+        (mon = zmq_socket(ctx, ZMQ_PAIR)) == nullptr || zmq_connect(mon, mon_ep.c_str()) != 0) {
+        fail(reason_error, std::string("socket monitor: ") + zmq_strerror(errno));
+        return -1;
+    }
+    if (zmq_connect(sock, target.endpoint.c_str()) != 0) {
+        // A host name that does not resolve ends here.
+        fail(errno == EINVAL ? reason_refused : reason_error,
+             "cannot connect to " + target.endpoint + ": " + zmq_strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+size_t probe_session::send(const cmd_ref& ref, const std::vector<uint8_t>& payload) {
+    request r;
+    r.code = ref.code;
+    r.id = ref.id;
+    r.payload = payload;
+    reqs.push_back(std::move(r));
+    uint32_t tag = static_cast<uint32_t>(reqs.size() - 1);
+    std::vector<uint8_t> frame = pack_request(ref.code, ref.id, payload);
+    if (zmq_send(sock, &tag, sizeof tag, ZMQ_SNDMORE | ZMQ_DONTWAIT) == -1 ||
+        zmq_send(sock, "", 0, ZMQ_SNDMORE | ZMQ_DONTWAIT) == -1 ||
+        zmq_send(sock, frame.data(), frame.size(), ZMQ_DONTWAIT) == -1) {
+        fail(reason_error, std::string("zmq_send: ") + zmq_strerror(errno));
+    } else {
+        pending++;
+    }
+    return tag;
+}
+
+void probe_session::read_monitor() {
+    zmq_msg_t head, addr;
+    zmq_msg_init(&head);
+    zmq_msg_init(&addr);
+    if (zmq_msg_recv(&head, mon, ZMQ_DONTWAIT) >= 6 && zmq_msg_more(&head) &&
+        zmq_msg_recv(&addr, mon, ZMQ_DONTWAIT) >= 0) {
+        uint16_t event;
+        memcpy(&event, zmq_msg_data(&head), sizeof event);
+        if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+            handshake_done = true;
+        } else if (event == ZMQ_EVENT_CONNECT_RETRIED) {
+            if (!handshake_done) {
+                fail(reason_refused, "connection to " + target.endpoint + " refused");
+            }
+        } else if (event == ZMQ_EVENT_DISCONNECTED) {
+            if (!handshake_done) {
+                fail(reason_refused, target.endpoint + " closed the connection in the handshake");
+            }
+            handshake_done = false;
+        } else {
+            fail(reason_refused, "handshake with " + target.endpoint +
+                                     " refused (key not accepted, wrong server key or security "
+                                     "mismatch)");
+        }
+    }
+    zmq_msg_close(&head);
+    zmq_msg_close(&addr);
+}
+
+int probe_session::read_reply() {
+    std::vector<std::vector<uint8_t>> parts;
+    int more = 1;
+    while (more != 0) {
+        zmq_msg_t msg;
+        zmq_msg_init(&msg);
+        if (zmq_msg_recv(&msg, sock, ZMQ_DONTWAIT) == -1) {
+            zmq_msg_close(&msg);
+            return -1;
+        }
+        // 1024 parts: a multi-packet reply of 8 MiB; the rest is dropped.
+        if (parts.size() < 1026) {
+            const uint8_t* d = static_cast<const uint8_t*>(zmq_msg_data(&msg));
+            parts.emplace_back(d, d + zmq_msg_size(&msg));
+        } else {
+            fail(reason_malformed, "reply of more than 1024 parts");
+        }
+        more = zmq_msg_more(&msg);
+        zmq_msg_close(&msg);
+    }
+    uint32_t tag = 0;
+    if (parts.size() < 3 || parts[0].size() != sizeof tag || !parts[1].empty()) {
+        fail(reason_malformed, "reply without the request's envelope");
+        return -1;
+    }
+    memcpy(&tag, parts[0].data(), sizeof tag);
+    if (tag >= reqs.size() || reqs[tag].done) {
+        fail(reason_malformed, "reply to no request of this probe");
+        return -1;
+    }
+    request& r = reqs[tag];
+    parts.erase(parts.begin(), parts.begin() + 2);
+    std::string text;
+    if (parse_reply(parts, r.code, r.id, r.reply, text) != 0) {
+        fail(reason_malformed, "malformed reply from " + target.endpoint + ": " + text);
+        return -1;
+    }
+    r.done = true;
+    pending--;
+    return static_cast<int>(tag);
+}
+
+bool probe_session::wait_all(const std::function<void(size_t)>& on_reply) {
+    while (pending > 0 && reason == reason_none) {
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
+        if (left.count() <= 0) {
+            fail(reason_timeout, "no reply from " + target.endpoint + " in time");
+            break;
+        }
+        zmq_pollitem_t items[] = {{sock, 0, ZMQ_POLLIN, 0}, {mon, 0, ZMQ_POLLIN, 0}};
+        if (zmq_poll(items, mon != nullptr ? 2 : 1, static_cast<long>(left.count())) == -1) {
+            if (errno != EINTR) {
+                fail(reason_error, std::string("zmq_poll: ") + zmq_strerror(errno));
+            }
+            continue;
+        }
+        if (mon != nullptr && (items[1].revents & ZMQ_POLLIN)) {
+            read_monitor();
+        }
+        // Every reply queued now; a reply may queue more requests.
+        for (int got; reason == reason_none && (got = read_reply()) >= 0;) {
+            on_reply(static_cast<size_t>(got));
+        }
+    }
+    return reason == reason_none;
+}
+
+std::vector<uint8_t> pid_payload(uint32_t pid) {
+    std::vector<uint8_t> p(4);
+    u32_to_u8(pid, p.data());
+    return p;
+}
+
+// A reply's status: 0 when the board answered with a payload or nothing.
+int32_t status_of(const request& r) {
+    return r.reply.header().msg_len < 0 ? r.reply.header().msg_len : 0;
+}
+
+}  // namespace
+
+void close_link(board_link& l) {
+    if (l.mon != nullptr) {
+        zmq_close(l.mon);
+    }
+    if (l.sock != nullptr) {
+        zmq_socket_monitor(l.sock, nullptr, 0);
+        zmq_close(l.sock);
+    }
+    l = board_link{};
+}
+
+const char* reason_text(probe_reason r) {
+    switch (r) {
+        case reason_timeout:
+            return "timeout";
+        case reason_refused:
+            return "refused";
+        case reason_malformed:
+            return "malformed";
+        case reason_error:
+            return "error";
+        default:
+            return "";
+    }
+}
+
+void run_probe(const target_spec& t, double timeout_s, probe_result& out) {
+    const auto start = clock_type::now();
+    probe_session s(t, start + std::chrono::microseconds(static_cast<int64_t>(timeout_s * 1e6)));
+    struct source {
+        const char* name;
+        const cmd_ref& ref;
+        size_t idx = SIZE_MAX;
+    } sources[] = {{"meminfo", t.cmds.meminfo},
+                   {"loadavg", t.cmds.loadavg},
+                   {"stat", t.cmds.stat},
+                   {"uptime", t.cmds.uptime}};
+    // Per process: the indexes of its pidfile, status and stat requests.
+    struct proc_reqs {
+        size_t pidfile = SIZE_MAX, status = SIZE_MAX, stat = SIZE_MAX;
+        uint32_t pid = 0;
+    };
+    std::vector<proc_reqs> procs(t.processes.size());
+    const bool per_process = t.cmds.process_status.set && t.cmds.process_stat.set;
+    auto ask_process = [&](proc_reqs& p) {
+        p.status = s.send(t.cmds.process_status, pid_payload(p.pid));
+        p.stat = s.send(t.cmds.process_stat, pid_payload(p.pid));
+    };
+    if (s.open() == 0) {
+        for (source& src : sources) {
+            if (src.ref.set) {
+                src.idx = s.send(src.ref, {});
+            }
+        }
+        for (size_t i = 0; per_process && i < procs.size(); i++) {
+            if (t.processes[i].pid != 0) {
+                procs[i].pid = t.processes[i].pid;
+                ask_process(procs[i]);
+            } else {
+                procs[i].pidfile = s.send(t.processes[i].pidfile, {});
+            }
+        }
+        s.wait_all([&](size_t done) {
+            for (proc_reqs& p : procs) {
+                if (p.pidfile == done && status_of(s.reqs[done]) == 0 &&
+                    (p.pid = parse_pidfile(s.reqs[done].reply.payload)) != 0) {
+                    ask_process(p);
+                }
+            }
+        });
+    }
+    // A board that answered but refused one of the system files.
+    for (const source& src : sources) {
+        if (s.reason == reason_none && src.idx != SIZE_MAX && status_of(s.reqs[src.idx]) != 0) {
+            s.reason = reason_error;
+            s.why = std::string(src.name) + ": " + status_text(status_of(s.reqs[src.idx]));
+        }
+    }
+
+    metric_writer w;
+    w.family("vireo_up", "gauge",
+             "1 when the board answered every request, else 0 with the reason.");
+    if (s.reason == reason_none) {
+        w.sample("vireo_up", 1);
+    } else {
+        w.sample("vireo_up", {{"reason", reason_text(s.reason)}}, 0);
+    }
+    if (s.reason == reason_none || s.reason == reason_error) {
+        w.family("vireo_command_status", "gauge",
+                 "Status the board answered for each system file: 0, or its negative error code.");
+        for (const source& src : sources) {
+            if (src.idx != SIZE_MAX) {
+                w.sample("vireo_command_status", {{"command", src.name}},
+                         status_of(s.reqs[src.idx]));
+            }
+        }
+        for (const source& src : sources) {
+            if (src.idx == SIZE_MAX || status_of(s.reqs[src.idx]) != 0) {
+                continue;
+            }
+            const std::string& text = s.reqs[src.idx].reply.payload;
+            if (&src.ref == &t.cmds.meminfo) {
+                render_meminfo(text, w);
+            } else if (&src.ref == &t.cmds.loadavg) {
+                render_loadavg(text, w);
+            } else if (&src.ref == &t.cmds.stat) {
+                render_stat(text, t.user_hz, w);
+            } else {
+                render_uptime(text, w);
+            }
+        }
+        std::vector<process_sample> samples;
+        for (size_t i = 0; i < procs.size(); i++) {
+            process_sample p;
+            p.name = t.processes[i].name;
+            p.pid = procs[i].pid;
+            const proc_reqs& r = procs[i];
+            if (r.status != SIZE_MAX && s.reqs[r.status].done && s.reqs[r.stat].done &&
+                status_of(s.reqs[r.status]) == 0 && status_of(s.reqs[r.stat]) == 0) {
+                parse_process(s.reqs[r.status].reply.payload, s.reqs[r.stat].reply.payload,
+                              t.user_hz, p);
+            }
+            samples.push_back(p);
+        }
+        render_processes(samples, w);
+    }
+    out.reason = s.reason;
+    out.why = s.why;
+    out.seconds = std::chrono::duration<double>(clock_type::now() - start).count();
+    if (!s.why.empty()) {
+        // Why the probe failed, for a person reading the page: a comment.
+        std::string note = s.why;
+        std::replace(note.begin(), note.end(), '\n', ' ');
+        w.out += "# " + note + "\n";
+    }
+    w.family("vireo_scrape_duration_seconds", "gauge", "Seconds the probe of the board took.");
+    w.sample("vireo_scrape_duration_seconds", out.seconds);
+    out.text = std::move(w.out);
+}
+
+void* probe_context() {
+    static void* ctx = [] {
+        void* c = zmq_ctx_new();
+        zmq_ctx_set(c, ZMQ_MAX_SOCKETS, 65536);
+        return c;
+    }();
+    return ctx;
+}
