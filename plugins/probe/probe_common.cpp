@@ -19,7 +19,9 @@ namespace {
 const char truncated_line[] = "... truncated\n";
 constexpr int truncated_len = sizeof truncated_line - 1;
 
-std::string proc_path(pid_t pid) { return "/proc/" + std::to_string(pid); }
+std::string proc_path(pid_t pid) {
+    return "/proc/" + std::to_string(pid);
+}
 
 }  // namespace
 
