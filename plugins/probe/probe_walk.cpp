@@ -14,6 +14,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -121,6 +122,8 @@ struct walker_proc {
 // kernel longer is collected by the janitor.
 void kill_walker(walker_proc& p);
 
+// Starts a walker for target, or a spare one for a target named later
+// (target 0).
 int spawn_walker(pid_t target, walker_proc& out) {
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0)
@@ -133,7 +136,8 @@ int spawn_walker(pid_t target, walker_proc& out) {
     posix_spawn_file_actions_addclosefrom_np(&fa, walker_fd + 1);
     std::string pid_text = std::to_string(target);
     const std::string& path = config().walker;
-    char* argv[] = {const_cast<char*>("vireo-walker"), &pid_text[0], nullptr};
+    char* argv[] = {const_cast<char*>("vireo-walker"), target > 0 ? &pid_text[0] : nullptr,
+                    nullptr};
     pid_t pid = -1;
     int rc = posix_spawn(&pid, path.c_str(), &fa, nullptr, argv, environ);
     posix_spawn_file_actions_destroy(&fa);
@@ -157,15 +161,25 @@ std::vector<pid_t> zombies;
 
 void kill_walker(walker_proc& p) {
     if (p.pid > 0) {
+        // The exit is awaited on a pidfd where the kernel has them.
+        int pidfd = static_cast<int>(syscall(SYS_pidfd_open, p.pid, 0));
         kill(p.pid, SIGKILL);
+        auto until = steady::now() + milliseconds(1000);
         bool reaped = false;
-        for (int i = 0; i < 1000 && !reaped; i++) {
+        for (;;) {
             int st;
             pid_t r = waitpid(p.pid, &st, WNOHANG);
-            reaped = r == p.pid || (r < 0 && errno != EINTR);
-            if (!reaped)
+            if ((reaped = r == p.pid || (r < 0 && errno != EINTR)))
+                break;
+            auto left = std::chrono::duration_cast<milliseconds>(until - steady::now()).count();
+            if (left <= 0)
+                break;
+            pollfd pf{pidfd, POLLIN, 0};
+            if (pidfd < 0 || poll(&pf, 1, static_cast<int>(left)) < 0)
                 usleep(1000);
         }
+        if (pidfd >= 0)
+            close(pidfd);
         if (!reaped) {
             std::lock_guard<std::mutex> hold(zombies_lock);
             zombies.push_back(p.pid);
@@ -226,6 +240,10 @@ struct slot {
 std::mutex pool_lock;
 std::condition_variable pool_changed;
 std::unordered_map<pid_t, slot> pool;  // guarded by pool_lock
+// A walker started ahead, bound to the next new target: a program start
+// and libdw's loading cost more than most walks. Guarded by pool_lock.
+walker_proc spare;
+bool spare_wanted = false;
 
 // Walkers idle past idle-ms are ended, and killed walkers collected, by a
 // thread of the plug-in's own, so that nothing waits for the next request.
@@ -246,6 +264,16 @@ void janitor() {
             }
         }
         for (walker_proc& p : expired) kill_walker(p);
+        bool start_spare;
+        {
+            std::lock_guard<std::mutex> hold(pool_lock);
+            start_spare = spare_wanted && spare.pid < 0;
+        }
+        walker_proc p;
+        if (start_spare && spawn_walker(0, p) == 0) {
+            std::lock_guard<std::mutex> hold(pool_lock);
+            spare = p;
+        }
         std::lock_guard<std::mutex> hold(zombies_lock);
         for (auto it = zombies.begin(); it != zombies.end();) {
             int st;
@@ -300,6 +328,22 @@ void end_turn(pid_t target, walker_proc p) {
     for (walker_proc& e : evicted) kill_walker(e);
 }
 
+// A walker for target: the spare one when it is ready, else a new one.
+int start_walker(pid_t target, walker_proc& p) {
+    {
+        std::lock_guard<std::mutex> hold(pool_lock);
+        p = spare;
+        spare = walker_proc{};
+        spare_wanted = true;
+    }
+    pool_changed.notify_all();  // the janitor starts the next spare
+    walker_request bind{walker_bind, target};
+    if (p.pid > 0 && send(p.fd, &bind, sizeof bind, MSG_NOSIGNAL | MSG_DONTWAIT) == sizeof bind)
+        return 0;
+    kill_walker(p);
+    return spawn_walker(target, p);
+}
+
 // One walk of the request's target; the reply text in text.
 int walk(comm_data* c, walker_op op, std::string& text) {
     probe_args args;
@@ -319,7 +363,7 @@ int walk(comm_data* c, walker_op op, std::string& text) {
     for (;;) {
         if (p.pid < 0) {
             fresh = true;
-            rc = spawn_walker(args.pid, p);
+            rc = start_walker(args.pid, p);
             if (rc != 0)
                 break;
         }

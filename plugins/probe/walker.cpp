@@ -3,6 +3,7 @@
 // costs one request and never the daemon. Started by the plug-in as
 // "vireo-walker PID" with a stream socket as file descriptor 3; answers the
 // requests of walker_proto.h for that one process until the socket closes.
+// Started without a PID, it waits for a walker_bind request naming one.
 //
 // Each thread is stopped only while its registers are read and its stack
 // unwound (PTRACE_SEIZE, PTRACE_INTERRUPT, ..., PTRACE_DETACH): seizing never
@@ -16,6 +17,8 @@
 #include <dwarf.h>
 #include <elf.h>
 #include <elfutils/libdwfl.h>
+#include <fcntl.h>
+#include <libelf.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -313,6 +316,17 @@ int walk_thread(walker& w, pid_t tid, std::vector<frame>& frames, int64_t& held_
 
 // --- modules and symbols ------------------------------------------------------
 
+// The walker's own executable: it tells libdw the architecture (the
+// target's is the same), where a target's files may be gone as it exits.
+Elf* own_elf() {
+    static Elf* elf = [] {
+        elf_version(EV_CURRENT);
+        int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+        return fd < 0 ? nullptr : elf_begin(fd, ELF_C_READ_MMAP, nullptr);
+    }();
+    return elf;
+}
+
 // Reports the process's modules when its mappings changed (and on first
 // use). 0 or a negated errno.
 int refresh_modules(walker& w) {
@@ -330,11 +344,13 @@ int refresh_modules(walker& w) {
     dwfl_report_begin(w.dwfl);
     int rc = dwfl_linux_proc_maps_report(w.dwfl, f);
     fclose(f);
-    if (dwfl_report_end(w.dwfl, nullptr, nullptr) != 0 || rc != 0)
+    if (dwfl_report_end(w.dwfl, nullptr, nullptr) != 0 || rc != 0) {
         return -EINVAL;
+    }
     w.names.clear();
     w.maps = maps;
-    if (dwfl_pid(w.dwfl) < 0 && !dwfl_attach_state(w.dwfl, nullptr, w.pid, &thread_callbacks, &w)) {
+    if (dwfl_pid(w.dwfl) < 0 &&
+        !dwfl_attach_state(w.dwfl, own_elf(), w.pid, &thread_callbacks, &w)) {
         w.maps.clear();
         return -EINVAL;
     }
@@ -446,11 +462,27 @@ void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, int64_
     out.line(line);
 }
 
+// True when pid is gone or becomes a zombie within a few milliseconds.
+bool ending(pid_t pid) {
+    for (int i = 0; i < 20; i++) {
+        std::string stat;
+        if (probe_read_file("/proc/" + std::to_string(pid) + "/stat", stat) != 0)
+            return true;
+        size_t close = stat.rfind(')');
+        if (close == std::string::npos || close + 2 >= stat.size())
+            return true;
+        if (stat[close + 2] == 'Z' || stat[close + 2] == 'X')
+            return true;
+        usleep(1000);
+    }
+    return false;
+}
+
 int handle(walker& w, const walker_request& req, text_out& out) {
     reap_pending(w);
     int rc = refresh_modules(w);
     if (rc != 0)
-        return rc;
+        return ending(w.pid) ? -ESRCH : rc;
     std::vector<pid_t> tids = req.tid != 0 ? std::vector<pid_t>{req.tid} : probe_list_tasks(w.pid);
     if (tids.empty())
         return -ESRCH;
@@ -469,8 +501,10 @@ int handle(walker& w, const walker_request& req, text_out& out) {
         if (out.truncated)
             break;
     }
+    // Threads on their way out refuse ptrace as well: a process that is
+    // ending is gone, not refused.
     if (n.walked == 0 && n.refused > 0)
-        return -EPERM;
+        return ending(w.pid) ? -ESRCH : -EPERM;
     if (n.walked == 0 && n.vanished == static_cast<int>(tids.size()))
         return -ESRCH;
     return 0;
@@ -509,8 +543,8 @@ bool write_all(int fd, const void* buf, size_t n) {
 int main(int argc, char** argv) {
     char* end = nullptr;
     long pid = argc == 2 ? strtol(argv[1], &end, 10) : 0;
-    if (pid <= 0 || *end != '\0') {
-        fprintf(stderr, "usage: vireo-walker PID  (run by the probe plug-in, socket on fd 3)\n");
+    if (argc > 2 || (argc == 2 && (pid <= 0 || *end != '\0'))) {
+        fprintf(stderr, "usage: vireo-walker [PID]  (run by the probe plug-in, socket on fd 3)\n");
         return 64;
     }
     // Never outlive the daemon, even in the middle of a walk.
@@ -532,10 +566,14 @@ int main(int argc, char** argv) {
         walker_request req;
         if (!read_all(walker_fd, &req, sizeof req))
             return 0;  // the plug-in closed
+        if (req.op == walker_bind && w.pid == 0 && req.tid > 0) {
+            w.pid = req.tid;
+            continue;
+        }
         text_out out(text.data(), static_cast<int>(text.size()));
         walker_reply rep{};
-        rep.status =
-            req.op == walker_stack || req.op == walker_sample ? handle(w, req, out) : -EINVAL;
+        bool known = w.pid > 0 && (req.op == walker_stack || req.op == walker_sample);
+        rep.status = known ? handle(w, req, out) : -EINVAL;
         rep.len = rep.status == 0 ? static_cast<uint32_t>(out.finish()) : 0;
         if (!write_all(walker_fd, &rep, sizeof rep) ||
             !write_all(walker_fd, text.data(), rep.len)) {

@@ -19,6 +19,10 @@ enum walker_op : uint32_t {
     // One line per thread: TID, name, microseconds the thread was stopped,
     // and its frames root first as "frame;frame;...;leaf", tab-separated.
     walker_sample = 2,
+    // No reply: from now on the walker serves process tid. The first
+    // request of a walker started without a PID, which the plug-in keeps
+    // ready so that a new target does not wait for a program start.
+    walker_bind = 3,
 };
 
 struct walker_request {

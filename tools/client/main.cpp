@@ -457,6 +457,7 @@ void pause_for(double seconds) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "profile") return run_profile(argc - 1, argv + 1);
     options o;
     std::string why;
     if (parse_args(argc, argv, o, why) != 0) {

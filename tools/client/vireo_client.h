@@ -120,3 +120,8 @@ const client_cmd* find_cmd(const client_config& cfg, const std::string& full_nam
 // The daemon's hex rule: std::stoi(text, nullptr, 16), stored unsigned.
 // Throws std::invalid_argument or std::out_of_range like std::stoi.
 uint32_t config_hex(const std::string& text);
+
+// `vireo-client profile ...` (argv[0] is "profile"): samples a process's
+// stacks through the probe plug-in and writes folded stacks. Returns the
+// exit status.
+int run_profile(int argc, char** argv);
