@@ -15,15 +15,12 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 extern "C" {
 __attribute__((noinline)) void* vireo_helper_deep(void* depth) {
-    auto left = reinterpret_cast<uintptr_t>(depth);
-    if (left > 0)
-        return vireo_helper_deep(reinterpret_cast<void*>(left - 1));
     static volatile bool forever = true;
+    if (auto left = reinterpret_cast<uintptr_t>(depth); left > 0) return vireo_helper_deep(reinterpret_cast<void*>(left - 1));
     while (forever) pause();
     return nullptr;
 }
@@ -32,42 +29,27 @@ __attribute__((noinline)) int vireo_helper_inner() {
     write(1, "ready\n", 6);
     return read(0, &byte, 1) == 1 ? 0 : 1;
 }
-__attribute__((noinline)) int vireo_helper_middle() {
-    return vireo_helper_inner() + 0;
-}
-__attribute__((noinline)) int vireo_helper_outer() {
-    return vireo_helper_middle() + 0;
-}
-__attribute__((noinline)) void vireo_helper_hot() {
-    for (volatile unsigned long i = 0;; i++) {
-    }
-}
+__attribute__((noinline)) int vireo_helper_middle() { return vireo_helper_inner() + 0; }
+__attribute__((noinline)) int vireo_helper_outer() { return vireo_helper_middle() + 0; }
+__attribute__((noinline)) void vireo_helper_hot() { for (volatile unsigned long i = 0;; i = i + 1) {} }
 }  // extern "C"
 
 int main(int argc, char** argv) {
     std::string mode = argc > 1 ? argv[1] : "threads";
-    int threads = mode == "threads" ? (argc > 2 ? atoi(argv[2]) : 4) : 4;
+    int threads = mode == "threads" && argc > 2 ? atoi(argv[2]) : 4;
     long depth = argc > 3 ? atol(argv[3]) : 0;
-    if (mode == "hot") {
-        write(1, "ready\n", 6);
-        vireo_helper_hot();
+    if (mode == "hot") write(1, "ready\n", 6), vireo_helper_hot();
+    if (mode == "vfork" && vfork() == 0) {
+        syscall(SYS_write, 1, "ready\n", 6);
+        for (;;) syscall(SYS_pause);
     }
-    if (mode == "vfork") {
-        if (vfork() == 0) {
-            syscall(SYS_write, 1, "ready\n", 6);
-            for (;;) syscall(SYS_pause);
-        }
-        _exit(0);
-    }
+    if (mode == "vfork") _exit(0);
     for (int i = 0; i < threads - 1; i++) {
         pthread_t t;
         pthread_create(&t, nullptr, vireo_helper_deep, reinterpret_cast<void*>(depth));
         pthread_setname_np(t, ("vh-worker-" + std::to_string(i)).c_str());
     }
-    if (mode == "exit") {
-        usleep(static_cast<useconds_t>(atol(argv[2])));
-        exit(0);
-    }
+    if (mode == "exit") usleep(static_cast<useconds_t>(atol(argv[2]))), exit(0);
     int rc = vireo_helper_outer();
     write(1, rc == 0 ? "alive\n" : "broken\n", rc == 0 ? 6 : 7);
     _exit(rc);
