@@ -70,9 +70,11 @@ struct page_cache {
 struct walker {
     pid_t pid = 0;
     Dwfl* dwfl = nullptr;
-    std::string maps;                                   // the text the modules were reported from
-    std::unordered_map<Dwarf_Addr, std::string> names;  // frame names by pc
-    pid_t tid = 0;                                      // the thread being unwound
+    std::string maps;  // the text the modules were reported from
+    // Frame names for samples and "function+offset (module)" for stacks, by
+    // frame_key: symbol lookup and demangling cost more than the unwind.
+    std::unordered_map<uint64_t, std::string> names, places;
+    pid_t tid = 0;  // the thread being unwound
     Dwarf_Word regs[32] = {};
     Dwarf_Word pc = 0;
     bool peek = false;  // process_vm_readv refused: read word by word
@@ -348,6 +350,7 @@ int refresh_modules(walker& w) {
         return -EINVAL;
     }
     w.names.clear();
+    w.places.clear();
     w.maps = maps;
     if (dwfl_pid(w.dwfl) < 0 &&
         !dwfl_attach_state(w.dwfl, own_elf(), w.pid, &thread_callbacks, &w)) {
@@ -363,6 +366,12 @@ std::string demangled(const char* sym) {
     std::string name = status == 0 && plain != nullptr ? plain : sym;
     free(plain);
     return name;
+}
+
+// The innermost frame's pc is looked up as it is, a return address one byte
+// back: the same value means another place in the two cases.
+uint64_t frame_key(const frame& f) {
+    return f.pc ^ (f.activation ? 1ull << 63 : 0);
 }
 
 struct symbol {
@@ -391,7 +400,7 @@ symbol lookup(walker& w, const frame& f) {
 // A frame's name in a folded stack: the function, else "[module]", else
 // "??"; never a ';', which separates frames.
 const std::string& folded_name(walker& w, const frame& f) {
-    auto it = w.names.find(f.pc);
+    auto it = w.names.find(frame_key(f));
     if (it != w.names.end())
         return it->second;
     symbol s = lookup(w, f);
@@ -408,7 +417,7 @@ const std::string& folded_name(walker& w, const frame& f) {
         if (ch == ';' || static_cast<unsigned char>(ch) < 0x20)
             ch = ':';
     }
-    return w.names.emplace(f.pc, std::move(name)).first->second;
+    return w.names.emplace(frame_key(f), std::move(name)).first->second;
 }
 
 // --- requests ---------------------------------------------------------------
@@ -438,15 +447,17 @@ void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, const s
     }
     int n = 0;
     for (const frame& f : frames) {
-        symbol s = lookup(w, f);
-        const char* module = s.module != nullptr ? s.module : "??";
-        bool ok = s.name != nullptr
-                      ? out.printf("#%-2d 0x%016" PRIx64 " in %s+0x%" PRIx64 " (%s)", n, f.pc,
-                                   demangled(s.name).c_str(), s.offset, module)
-                      : out.printf("#%-2d 0x%016" PRIx64 " in ?? (%s)", n, f.pc, module);
-        if (!ok)
+        auto it = w.places.find(frame_key(f));
+        if (it == w.places.end()) {
+            symbol s = lookup(w, f);
+            const char* module = s.module != nullptr ? s.module : "??";
+            char off[32];
+            snprintf(off, sizeof off, "+0x%" PRIx64, s.offset);
+            std::string place = s.name != nullptr ? demangled(s.name) + off : "??";
+            it = w.places.emplace(frame_key(f), place + " (" + module + ")").first;
+        }
+        if (!out.printf("#%-2d 0x%016" PRIx64 " in %s", n++, f.pc, it->second.c_str()))
             return;
-        n++;
     }
 }
 
