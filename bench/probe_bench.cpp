@@ -209,7 +209,13 @@ int main(int argc, char** argv) {
         if (e >= 0)
             theirs.push_back(e);
     }
-    printf("RESULT walk_ms_p50 %.2f\n", median(ours));
+    std::vector<double> in_a_row;
+    for (int i = 0; i < 20; i++) {
+        auto w = clock_type::now();
+        if (c.ask(2, target).empty()) break;
+        in_a_row.push_back(seconds_since(w) * 1000);
+    }
+    printf("RESULT walk_ms_p50 %.2f (%.2f ms back to back)\n", median(ours), median(in_a_row));
     if (theirs.empty()) {
         printf("RESULT eustack_ms_p50 n/a (eu-stack not found: install elfutils)\n");
     } else {
