@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <sstream>
 
 #include "probe_common.h"
@@ -68,8 +69,9 @@ PROBE_EXPORT int probe_threads(comm_data* c) {
     long hz = sysconf(_SC_CLK_TCK);
     if (hz <= 0)
         hz = 100;
-    std::vector<uint8_t> text(probe_max_reply);
-    text_out out(text.data(), probe_max_reply);
+    // Uninitialised: only what text_out writes is read.
+    std::unique_ptr<uint8_t[]> text(new uint8_t[probe_max_reply]);
+    text_out out(text.get(), probe_max_reply);
     int listed = 0;
     for (pid_t tid : tids) {
         std::string text;

@@ -169,6 +169,13 @@ TEST(probe, wedged_target_meets_the_deadline) {
     EXPECT_FALSE(traced(h.pid));
 }
 
+// A walker that dies costs its request -5, and the daemon answers on.
+TEST(probe, dead_walker_costs_one_request) {
+    probe_daemon d(R"({"walker": "/bin/false"})");
+    EXPECT_EQ(d.code(STACK, pid_payload(getpid())), -5);
+    EXPECT_GT(d.code(THREADS, pid_payload(getpid())), 0);
+}
+
 // 200 threads: every stack in one multi-packet reply; 200 threads 300 calls
 // deep pass 1 MiB, and only then is the reply cut with "... truncated".
 TEST(probe, large_replies_come_in_packets) {
