@@ -10,7 +10,9 @@
 //   walk_ms_p50     median probe_stack round trip, 20 walks, interleaved with
 //   eustack_ms_p50  eu-stack -p on the same target
 //   work_ratio      the target's work per second while sampled at 50 Hz over
-//                   its rate unsampled (medians of alternating windows)
+//                   its rate unsampled (medians of alternating windows); on
+//                   a loaded machine the scheduler's share dominates it, so
+//   work_ratio_cpu  the same per CPU second of the working thread
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -22,6 +24,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -139,9 +142,34 @@ double eu_stack_ms(pid_t target) {
     return seconds_since(t) * 1000;
 }
 
-// Work units per second of the target over secs, while a thread samples it
-// at rate Hz (0: not sampled).
-double work_rate(const std::string& ep, pid_t target, double secs, double rate) {
+// CPU seconds the target's working thread (its main thread) has used.
+double cpu_seconds(pid_t target) {
+    std::string path =
+        "/proc/" + std::to_string(target) + "/task/" + std::to_string(target) + "/stat";
+    FILE* f = fopen(path.c_str(), "r");
+    if (f == nullptr)
+        return 0;
+    char buf[1024] = "";
+    size_t n = fread(buf, 1, sizeof buf - 1, f);
+    fclose(f);
+    buf[n] = 0;
+    const char* p = strrchr(buf, ')');
+    unsigned long ut = 0, st = 0;
+    // After the name: state and 10 fields, then utime and stime.
+    if (p == nullptr ||
+        sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &ut, &st) != 2)
+        return 0;
+    return static_cast<double>(ut + st) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+struct work {
+    double per_s;    // units of work per wall-clock second
+    double per_cpu;  // units per CPU second of the working thread
+};
+
+// The target's work over secs, while a thread samples it at rate Hz (0:
+// not sampled).
+work work_rate(const std::string& ep, pid_t target, double secs, double rate) {
     std::atomic<bool> stop{false};
     std::thread sampler([&] {
         if (rate <= 0)
@@ -157,12 +185,14 @@ double work_rate(const std::string& ep, pid_t target, double secs, double rate) 
         }
     });
     unsigned long before = work_done->load();
+    double cpu = cpu_seconds(target);
     auto t = clock_type::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(secs));
-    double r = static_cast<double>(work_done->load() - before) / seconds_since(t);
+    auto units = static_cast<double>(work_done->load() - before);
+    work w{units / seconds_since(t), units / std::max(cpu_seconds(target) - cpu, 1e-3)};
     stop = true;
     sampler.join();
-    return r;
+    return w;
 }
 
 }  // namespace
@@ -212,7 +242,8 @@ int main(int argc, char** argv) {
     std::vector<double> in_a_row;
     for (int i = 0; i < 20; i++) {
         auto w = clock_type::now();
-        if (c.ask(2, target).empty()) break;
+        if (c.ask(2, target).empty())
+            break;
         in_a_row.push_back(seconds_since(w) * 1000);
     }
     printf("RESULT walk_ms_p50 %.2f (%.2f ms back to back)\n", median(ours), median(in_a_row));
@@ -225,14 +256,19 @@ int main(int argc, char** argv) {
 
     // The target's own work, sampled at 50 Hz against not sampled, in short
     // alternating windows so that both meet the same machine noise.
-    std::vector<double> plain, sampled;
+    std::vector<double> plain, sampled, plain_cpu, sampled_cpu;
     for (int i = 0; i < std::max(6, static_cast<int>(secs * 2)); i++) {
-        plain.push_back(work_rate(ep, target, 0.5, 0));
-        sampled.push_back(work_rate(ep, target, 0.5, 50));
+        work p = work_rate(ep, target, 0.5, 0), s = work_rate(ep, target, 0.5, 50);
+        plain.push_back(p.per_s);
+        sampled.push_back(s.per_s);
+        plain_cpu.push_back(p.per_cpu);
+        sampled_cpu.push_back(s.per_cpu);
     }
     printf(
         "RESULT work_ratio %.3f (median of %zu half-second windows each, %.3g and %.3g units/s)\n",
         median(sampled) / median(plain), plain.size(), median(sampled), median(plain));
+    printf("RESULT work_ratio_cpu %.3f (units per CPU second of the working thread)\n",
+           median(sampled_cpu) / median(plain_cpu));
     kill(target, SIGKILL);
     waitpid(target, nullptr, 0);
     return 0;
