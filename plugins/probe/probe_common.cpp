@@ -81,16 +81,14 @@ std::vector<pid_t> probe_list_tasks(pid_t pid) {
     return tids;
 }
 
-int probe_read_file(const std::string& path, std::string& out) {
+int probe_read_file(const std::string& path, std::string& out, int chunks) {
     out.clear();
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return -errno;
     }
     char chunk[4096];
-    // /proc files of a thread are a few kilobytes; the bound keeps a
-    // misbehaving file from growing the reply without limit.
-    for (int i = 0; i < 64; i++) {
+    for (int i = 0; i < chunks; i++) {
         ssize_t n = read(fd, chunk, sizeof chunk);
         if (n < 0 && errno == EINTR) {
             continue;

@@ -36,7 +36,9 @@ std::vector<pid_t> probe_list_tasks(pid_t pid);
 
 // Reads a small file whole (/proc files report no size). Returns 0 or a
 // negated errno value.
-int probe_read_file(const std::string& path, std::string& out);
+// At most chunks reads of 4 KiB are made: the bound keeps a misbehaving
+// file from growing without limit.
+int probe_read_file(const std::string& path, std::string& out, int chunks = 64);
 
 // The name of a thread (its comm) with control characters replaced, so that
 // a name can never break a reply line; empty when unreadable.

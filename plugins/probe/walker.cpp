@@ -333,7 +333,10 @@ Elf* own_elf() {
 // use). 0 or a negated errno.
 int refresh_modules(walker& w) {
     std::string maps;
-    if (probe_read_file("/proc/" + std::to_string(w.pid) + "/maps", maps) != 0 || maps.empty()) {
+    // Up to 64 MiB: a process with many mappings (a JIT, a large C++
+    // program) has maps far beyond a status file's size.
+    if (probe_read_file("/proc/" + std::to_string(w.pid) + "/maps", maps, 16384) != 0 ||
+        maps.empty()) {
         return -ESRCH;
     }
     if (w.dwfl != nullptr && maps == w.maps)
