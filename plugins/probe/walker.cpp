@@ -477,15 +477,21 @@ void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, int64_
 }
 
 // True when pid is gone or becomes a zombie within a few milliseconds.
+// The state letter of a thread (or of the process, for tid == pid) from
+// its stat file; 0 when it is gone.
+char thread_state(pid_t pid, pid_t tid) {
+    std::string stat;
+    std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/stat";
+    if (probe_read_file(path, stat) != 0)
+        return 0;
+    size_t close = stat.rfind(')');
+    return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
+}
+
 bool ending(pid_t pid) {
     for (int i = 0; i < 20; i++) {
-        std::string stat;
-        if (probe_read_file("/proc/" + std::to_string(pid) + "/stat", stat) != 0)
-            return true;
-        size_t close = stat.rfind(')');
-        if (close == std::string::npos || close + 2 >= stat.size())
-            return true;
-        if (stat[close + 2] == 'Z' || stat[close + 2] == 'X')
+        char state = thread_state(pid, pid);
+        if (state == 0 || state == 'Z' || state == 'X')
             return true;
         usleep(1000);
     }
@@ -505,6 +511,15 @@ int handle(walker& w, const walker_request& req, text_out& out) {
     for (pid_t tid : tids) {
         int64_t held_us = 0;
         std::string why;
+        // A sample does not wait for a thread in an uninterruptible sleep,
+        // which may never stop: it is counted as such, and the other
+        // threads are sampled on.
+        if (req.op == walker_sample && thread_state(w.pid, tid) == 'D') {
+            n.walked++;
+            out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
+                     "\t0\t[uninterruptible]");
+            continue;
+        }
         rc = walk_thread(w, tid, frames, held_us, why);
         note(n, rc, frames.size());
         if (req.op == walker_stack) {
