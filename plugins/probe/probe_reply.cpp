@@ -1,15 +1,34 @@
-// The reply of a probe function, in one packet or, past 8192 bytes, in many.
+// What a probe request asks for, and the reply of a probe function: one
+// packet or, past 8192 bytes, many.
 #include <sys/time.h>
 #include <zmq.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstring>
 #include <vector>
 
 #include "probe_common.h"
 #include "server_comm.h"
+
+int probe_parse_args(comm_data* c, probe_args& args) {
+    const data_struct* req = c->recv_data;
+    // The payload past msg_len is cleared only for lengths up to
+    // max_recv_len: with a larger claim, bytes 4..7 may be stale.
+    if (req->msg_len < 4 || req->msg_len > c->max_recv_len) {
+        return -EINVAL;
+    }
+    uint32_t pid = u8_to_u32(req->msg);
+    uint32_t tid = req->msg_len >= 8 ? u8_to_u32(req->msg + 4) : 0;
+    if (pid == 0 || pid > INT32_MAX || tid > INT32_MAX) {
+        return -EINVAL;
+    }
+    args.pid = static_cast<pid_t>(pid);
+    args.tid = static_cast<pid_t>(tid);
+    return 0;
+}
 
 int probe_reply(comm_data* c, const char* text, size_t len) {
     const size_t share = static_cast<size_t>(c->max_send_len);
