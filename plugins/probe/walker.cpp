@@ -434,7 +434,7 @@ struct counts {
 void note(counts& n, int rc, size_t frames) {
     if (frames > 0)
         n.walked++;
-    if (rc == -EPERM || rc == -EACCES)
+    if (rc == -EPERM || rc == -EACCES || rc == -ENOSYS)  // ENOSYS: an emulator without ptrace
         n.refused++;
     if (rc == -ESRCH)
         n.vanished++;

@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
     if (mode == "hot") write(1, "ready\n", 6), vireo_helper_hot();
     if (mode == "vfork" && vfork() == 0) {
         syscall(SYS_write, 1, "ready\n", 6);
-        for (;;) syscall(SYS_pause);
+        for (;;) syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);  // pause(), which arm64 lacks as a call
     }
     if (mode == "vfork") _exit(0);
     for (int i = 0; i < threads - 1; i++) {
