@@ -241,13 +241,16 @@ void reap_pending(walker& w) {
 
 // Stops tid for the walk. 0 with *signal the signal to hand back on detach,
 // or a negated errno (-ESRCH: the thread is gone).
-int stop_thread(pid_t tid, int* signal) {
+int stop_thread(walker& w, pid_t tid, int* signal) {
     *signal = 0;
     if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0)
         return -errno;
     if (ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr) != 0) {
+        // Only a thread on its way out refuses the interrupt: its exit
+        // comes to us to collect.
         int err = errno;
-        ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
+        if (ptrace(PTRACE_DETACH, tid, nullptr, nullptr) != 0)
+            reap_later(w, tid);
         return -err;
     }
     for (;;) {
@@ -297,7 +300,7 @@ int walk_thread(walker& w, pid_t tid, std::vector<frame>& frames, int64_t& held_
     frames.clear();
     int64_t start = now_us();
     int signal = 0;
-    int rc = stop_thread(tid, &signal);
+    int rc = stop_thread(w, tid, &signal);
     if (rc != 0) {
         why = strerror(-rc);
         return rc;
