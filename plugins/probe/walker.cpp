@@ -579,9 +579,11 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: vireo-walker [PID]  (run by the probe plug-in, socket on fd 3)\n");
         return 64;
     }
-    // Never outlive the daemon, even in the middle of a walk.
+    // Never outlive the daemon, even in the middle of a walk. (A daemon
+    // gone before this line closed the socket: the first read ends us.)
+    pid_t parent = getppid();
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() == 1)
+    if (getppid() != parent)
         return 0;
     signal(SIGPIPE, SIG_IGN);
 
