@@ -106,8 +106,10 @@ settings load_settings() {
     return s;
 }
 
+// Never destroyed, like the pool below: the janitor thread may still run
+// while the daemon's exit destroys static objects.
 const settings& config() {
-    static const settings s = load_settings();
+    static const settings& s = *new settings(load_settings());
     return s;
 }
 
@@ -156,8 +158,8 @@ int spawn_walker(pid_t target, walker_proc& out) {
 }
 
 // Walkers still to be collected after a kill that did not finish at once.
-std::mutex zombies_lock;
-std::vector<pid_t> zombies;
+std::mutex& zombies_lock = *new std::mutex;
+std::vector<pid_t>& zombies = *new std::vector<pid_t>;
 
 void kill_walker(walker_proc& p) {
     if (p.pid > 0) {
@@ -237,9 +239,10 @@ struct slot {
     steady::time_point last;
 };
 
-std::mutex pool_lock;
-std::condition_variable pool_changed;
-std::unordered_map<pid_t, slot> pool;  // guarded by pool_lock
+std::mutex& pool_lock = *new std::mutex;
+std::condition_variable& pool_changed = *new std::condition_variable;
+std::unordered_map<pid_t, slot>& pool =
+    *new std::unordered_map<pid_t, slot>;  // guarded by pool_lock
 // A walker started ahead, bound to the next new target: a program start
 // and libdw's loading cost more than most walks. Guarded by pool_lock.
 walker_proc spare;
@@ -270,9 +273,12 @@ void janitor() {
             start_spare = spare_wanted && spare.pid < 0;
         }
         walker_proc p;
-        if (start_spare && spawn_walker(0, p) == 0) {
+        if (start_spare) {
+            // A walker that cannot start is tried again after the next walk.
+            bool started = spawn_walker(0, p) == 0;
             std::lock_guard<std::mutex> hold(pool_lock);
             spare = p;
+            spare_wanted = started;
         }
         std::lock_guard<std::mutex> hold(zombies_lock);
         for (auto it = zombies.begin(); it != zombies.end();) {
