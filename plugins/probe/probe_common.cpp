@@ -12,33 +12,16 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "server_comm.h"
-
 namespace {
 
 const char truncated_line[] = "... truncated\n";
 constexpr int truncated_len = sizeof truncated_line - 1;
 
-std::string proc_path(pid_t pid) { return "/proc/" + std::to_string(pid); }
+std::string proc_path(pid_t pid) {
+    return "/proc/" + std::to_string(pid);
+}
 
 }  // namespace
-
-int probe_parse_args(comm_data* c, probe_args& args) {
-    const data_struct* req = c->recv_data;
-    // The payload past msg_len is cleared only for lengths up to
-    // max_recv_len: with a larger claim, bytes 4..7 may be stale.
-    if (req->msg_len < 4 || req->msg_len > c->max_recv_len) {
-        return -EINVAL;
-    }
-    uint32_t pid = u8_to_u32(req->msg);
-    uint32_t tid = req->msg_len >= 8 ? u8_to_u32(req->msg + 4) : 0;
-    if (pid == 0 || pid > INT32_MAX || tid > INT32_MAX) {
-        return -EINVAL;
-    }
-    args.pid = static_cast<pid_t>(pid);
-    args.tid = static_cast<pid_t>(tid);
-    return 0;
-}
 
 int probe_check_target(const probe_args& args) {
     // /proc/TID answers for any thread, so a thread's id would pass for a
@@ -79,16 +62,14 @@ std::vector<pid_t> probe_list_tasks(pid_t pid) {
     return tids;
 }
 
-int probe_read_file(const std::string& path, std::string& out) {
+int probe_read_file(const std::string& path, std::string& out, int chunks) {
     out.clear();
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return -errno;
     }
     char chunk[4096];
-    // /proc files of a thread are a few kilobytes; the bound keeps a
-    // misbehaving file from growing the reply without limit.
-    for (int i = 0; i < 64; i++) {
+    for (int i = 0; i < chunks; i++) {
         ssize_t n = read(fd, chunk, sizeof chunk);
         if (n < 0 && errno == EINTR) {
             continue;

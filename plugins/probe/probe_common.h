@@ -36,11 +36,27 @@ std::vector<pid_t> probe_list_tasks(pid_t pid);
 
 // Reads a small file whole (/proc files report no size). Returns 0 or a
 // negated errno value.
-int probe_read_file(const std::string& path, std::string& out);
+// At most chunks reads of 4 KiB are made: the bound keeps a misbehaving
+// file from growing without limit.
+int probe_read_file(const std::string& path, std::string& out, int chunks = 64);
 
 // The name of a thread (its comm) with control characters replaced, so that
 // a name can never break a reply line; empty when unreadable.
 std::string probe_thread_name(pid_t pid, pid_t tid);
+
+// The most text a reply carries; longer text is cut and marked as
+// text_out does.
+constexpr int probe_max_reply = 1 << 20;
+
+// Answers c's request with len bytes of text. Up to the reply buffer's
+// capacity (8192 bytes) the text is copied there and its length returned,
+// for the daemon to send as usual. A longer text is sent here as one
+// multi-packet reply: one message part per 8192 payload bytes, each a full
+// frame of 8192 + 48 bytes whose header holds the total length, the packet
+// count and the packet's number from 1 (the last one zero-padded). Then the
+// result is above 8192, so the daemon sends nothing more. -5 (EIO) when
+// nothing could be sent.
+int probe_reply(comm_data* c, const char* text, size_t len);
 
 // Reply text built line by line in the reply payload. Whole lines only:
 // when a line does not fit, nothing more is taken, and finish() ends the

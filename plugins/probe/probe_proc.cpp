@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <sstream>
 
 #include "probe_common.h"
@@ -31,8 +32,10 @@ bool parse_stat(const std::string& text, thread_stat& st) {
     std::istringstream fields(text.substr(close + 1));
     std::string f;
     for (int i = 0; i < 13 && fields >> f; i++) {
-        if (i == 0) st.state = f[0];
-        if (i == 11) st.utime = strtoul(f.c_str(), nullptr, 10);
+        if (i == 0)
+            st.state = f[0];
+        if (i == 11)
+            st.utime = strtoul(f.c_str(), nullptr, 10);
         if (i == 12) {
             st.stime = strtoul(f.c_str(), nullptr, 10);
             return true;
@@ -56,13 +59,19 @@ std::string seconds(unsigned long ticks, long hz) {
 PROBE_EXPORT int probe_threads(comm_data* c) {
     probe_args args;
     int rc = probe_parse_args(c, args);
-    if (rc == 0) rc = probe_check_target(args);
-    if (rc != 0) return rc;
+    if (rc == 0)
+        rc = probe_check_target(args);
+    if (rc != 0)
+        return rc;
 
-    std::vector<pid_t> tids = args.tid != 0 ? std::vector<pid_t>{args.tid} : probe_list_tasks(args.pid);
+    std::vector<pid_t> tids =
+        args.tid != 0 ? std::vector<pid_t>{args.tid} : probe_list_tasks(args.pid);
     long hz = sysconf(_SC_CLK_TCK);
-    if (hz <= 0) hz = 100;
-    text_out out(c->send_data->msg, c->max_send_len);
+    if (hz <= 0)
+        hz = 100;
+    // Uninitialised: only what text_out writes is read.
+    std::unique_ptr<uint8_t[]> text(new uint8_t[probe_max_reply]);
+    text_out out(text.get(), probe_max_reply);
     int listed = 0;
     for (pid_t tid : tids) {
         std::string text;
@@ -73,15 +82,17 @@ PROBE_EXPORT int probe_threads(comm_data* c) {
             continue;
         }
         std::string name = probe_thread_name(args.pid, tid);
-        if (name.empty()) name = st.name;
+        if (name.empty())
+            name = st.name;
         if (!out.printf("%d\t%s\t%c\t%s\t%s", tid, name.c_str(), st.state,
                         seconds(st.utime, hz).c_str(), seconds(st.stime, hz).c_str())) {
             break;
         }
         listed++;
     }
-    if (listed == 0 && !out.truncated) return -ESRCH;
-    return out.finish();
+    if (listed == 0 && !out.truncated)
+        return -ESRCH;
+    return probe_reply(c, out.buf, static_cast<size_t>(out.finish()));
 }
 
 // The kernel stack of one thread (tid 0: the main thread) as the kernel
@@ -89,21 +100,28 @@ PROBE_EXPORT int probe_threads(comm_data* c) {
 PROBE_EXPORT int probe_kstack(comm_data* c) {
     probe_args args;
     int rc = probe_parse_args(c, args);
-    if (rc == 0) rc = probe_check_target(args);
-    if (rc != 0) return rc;
+    if (rc == 0)
+        rc = probe_check_target(args);
+    if (rc != 0)
+        return rc;
 
     pid_t tid = args.tid != 0 ? args.tid : args.pid;
     std::string text;
-    rc = probe_read_file("/proc/" + std::to_string(args.pid) + "/task/" + std::to_string(tid) + "/stack", text);
-    if (rc == -EACCES) rc = -EPERM;
-    if (rc != 0) return rc;
+    rc = probe_read_file(
+        "/proc/" + std::to_string(args.pid) + "/task/" + std::to_string(tid) + "/stack", text);
+    if (rc == -EACCES)
+        rc = -EPERM;
+    if (rc != 0)
+        return rc;
 
     text_out out(c->send_data->msg, c->max_send_len);
     size_t start = 0;
     while (start < text.size()) {
         size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        if (!out.line(text.substr(start, end - start))) break;
+        if (end == std::string::npos)
+            end = text.size();
+        if (!out.line(text.substr(start, end - start)))
+            break;
         start = end + 1;
     }
     return out.finish();

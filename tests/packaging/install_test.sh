@@ -74,5 +74,11 @@ for c in "${cases[@]}"; do
   out=$(client $req) || fail "$label: '$req' exit $?"
   eval "$check" <<<"$out" || fail "$label: '$req' replied '$out'"
 done
+# The probe's stacks come from the installed walker, found from the plug-in's
+# folder; -1 where ptrace is refused here.
+if grep -q probe "$tmp/main.json"; then
+  out=$(client 0x30 2 --pid $$ 2>&1) || true
+  grep -qE "^Thread $$ |\(-1\)\$" <<<"$out" || fail "probe stack through the installed walker: '$out'"
+fi
 if grep -q 'dlopen' "$tmp/err"; then fail "a plug-in did not load"; fi
 echo "packaging: ${#cases[@]} requests answered by the installed tree"

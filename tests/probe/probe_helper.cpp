@@ -1,16 +1,28 @@
-// A target for the probe tests: three named threads waiting in pause(), and
-// a main thread that blocks in read() three known calls deep. It writes
-// "ready\n" just before that read; given one byte on stdin it writes
-// "alive\n" and exits 0, or "broken\n" and exits 1 when the read failed
-// (an interrupted call that a probe should have restarted transparently).
+// Targets for the probe tests, by the first argument:
+//   (none) or "threads N DEPTH": N-1 named threads "vh-worker-I", each DEPTH
+//          calls deep in vireo_helper_deep and then in pause(), and a main
+//          thread that blocks in read() three known calls deep. It writes
+//          "ready\n" just before that read; given one byte on stdin it writes
+//          "alive\n" and exits 0, or "broken\n" and exits 1 when the read
+//          failed (an interrupted call a probe should have restarted).
+//   "hot": writes "ready\n" and spins in vireo_helper_hot forever.
+//   "exit US": three threads, then the process exits after US microseconds.
+//   "vfork": the parent blocks in vfork (uninterruptible) while the child
+//          writes "ready\n" and pauses.
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <string>
 
 extern "C" {
-__attribute__((noinline)) void* vireo_helper_worker(void*) {
-    for (;;) pause();
+__attribute__((noinline)) void* vireo_helper_deep(void* depth) {
+    static volatile bool forever = true;
+    if (auto left = reinterpret_cast<uintptr_t>(depth); left > 0) return vireo_helper_deep(reinterpret_cast<void*>(left - 1));
+    while (forever) pause();
+    return nullptr;
 }
 __attribute__((noinline)) int vireo_helper_inner() {
     char byte;
@@ -19,14 +31,25 @@ __attribute__((noinline)) int vireo_helper_inner() {
 }
 __attribute__((noinline)) int vireo_helper_middle() { return vireo_helper_inner() + 0; }
 __attribute__((noinline)) int vireo_helper_outer() { return vireo_helper_middle() + 0; }
+__attribute__((noinline)) void vireo_helper_hot() { for (volatile unsigned long i = 0;; i = i + 1) {} }
 }  // extern "C"
 
-int main() {
-    for (int i = 0; i < 3; i++) {
+int main(int argc, char** argv) {
+    std::string mode = argc > 1 ? argv[1] : "threads";
+    int threads = mode == "threads" && argc > 2 ? atoi(argv[2]) : 4;
+    long depth = argc > 3 ? atol(argv[3]) : 0;
+    if (mode == "hot") write(1, "ready\n", 6), vireo_helper_hot();
+    if (mode == "vfork" && vfork() == 0) {
+        syscall(SYS_write, 1, "ready\n", 6);
+        for (;;) syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);  // pause(), which arm64 lacks as a call
+    }
+    if (mode == "vfork") _exit(0);
+    for (int i = 0; i < threads - 1; i++) {
         pthread_t t;
-        pthread_create(&t, nullptr, vireo_helper_worker, nullptr);
+        pthread_create(&t, nullptr, vireo_helper_deep, reinterpret_cast<void*>(depth));
         pthread_setname_np(t, ("vh-worker-" + std::to_string(i)).c_str());
     }
+    if (mode == "exit") usleep(static_cast<useconds_t>(atol(argv[2]))), exit(0);
     int rc = vireo_helper_outer();
     write(1, rc == 0 ? "alive\n" : "broken\n", rc == 0 ? 6 : 7);
     _exit(rc);

@@ -182,6 +182,10 @@ int write_key_pair(const std::string& base, std::string& public_key, std::string
 
 // Subcommands whose bodies live in their own files; argv[0] is the
 // subcommand's name. They return the process's exit status.
+//
+// `vireo-client profile ...` (argv[0] is "profile"): samples a process's
+// stacks through the probe plug-in and writes folded stacks. Returns the
+// exit status.
 int run_profile(int argc, char** argv);
 // "vireo-client check-config MAIN.json" (argv[0] is "check-config"): loads
 // the configuration as the daemon would and prints every problem as

@@ -1,0 +1,415 @@
+// probe_stack and probe_sample: callstacks walked by the vireo-walker
+// program, never inside the daemon. One walker per target process stays
+// alive for a while after its last request, so that repeated walks find
+// the modules and symbol tables loaded. Every request waits for its walker
+// with a deadline; past it the walker is killed (its death detaches every
+// thread it holds) and the request answers -62 (ETIME). A walker that dies
+// costs its one request: -5 (EIO).
+#include <android/log.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <json/json.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "probe_common.h"
+#include "server_comm.h"
+#include "walker_proto.h"
+
+extern char** environ;
+
+namespace {
+
+const char log_tag[] = "vireo-probe";
+using steady = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// --- settings -----------------------------------------------------------------
+
+struct settings {
+    int deadline_ms = 2000;  // per request, waiting for the walker included
+    int idle_ms = 3000;      // a walker's life after its last request
+    int max_idle = 8;        // idle walkers kept at most
+    std::string walker;      // the program; empty: found next to the plug-in
+};
+
+std::string dir_of(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// The plug-in's path as the configuration names it ("lib"), and the file
+// it really is (through symbolic links).
+void own_paths(std::string& named, std::string& real) {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&own_paths), &info) == 0 || info.dli_fname == nullptr)
+        return;
+    named = info.dli_fname;
+    char buf[PATH_MAX];
+    real = realpath(info.dli_fname, buf) != nullptr ? buf : named;
+}
+
+// probe.conf in the folder the configuration loads the plug-in from, else
+// the system one: a JSON object with any of "deadline-ms", "idle-ms",
+// "max-idle-walkers" and "walker". A key that is missing or out of range
+// keeps its default.
+settings load_settings() {
+    settings s;
+    std::string named, real;
+    own_paths(named, real);
+    for (const std::string& path :
+         {dir_of(named) + "/probe.conf", std::string(VIREO_PROBE_SYSTEM_CONF)}) {
+        std::ifstream in(path);
+        if (!in)
+            continue;
+        Json::CharReaderBuilder rb;
+        Json::Value v;
+        std::string errs;
+        if (!Json::parseFromStream(rb, in, &v, &errs) || !v.isObject()) {
+            __android_log_print(ANDROID_LOG_ERROR, log_tag,
+                                "%s is not a JSON object, defaults used", path.c_str());
+            break;
+        }
+        auto number = [&](const char* key, int lo, int hi, int& out) {
+            if (v[key].isInt() && v[key].asInt() >= lo && v[key].asInt() <= hi)
+                out = v[key].asInt();
+        };
+        number("deadline-ms", 10, 600000, s.deadline_ms);
+        number("idle-ms", 0, 3600000, s.idle_ms);
+        number("max-idle-walkers", 0, 1000, s.max_idle);
+        if (v["walker"].isString())
+            s.walker = v["walker"].asString();
+        break;
+    }
+    if (s.walker.empty()) {
+        // In the build tree the walker sits next to the plug-in; installed,
+        // it is in the library folder, at a fixed place relative to it.
+        std::string here = dir_of(real) + "/vireo-walker";
+        s.walker =
+            access(here.c_str(), X_OK) == 0 ? here : dir_of(real) + "/" VIREO_WALKER_FROM_PLUGIN;
+    }
+    return s;
+}
+
+// Never destroyed, like the pool below: the janitor thread may still run
+// while the daemon's exit destroys static objects.
+const settings& config() {
+    static const settings& s = *new settings(load_settings());
+    return s;
+}
+
+// --- walker processes -----------------------------------------------------------
+
+struct walker_proc {
+    pid_t pid = -1;
+    int fd = -1;
+};
+
+// SIGKILL, then the exit collected within a second; a walker stuck in the
+// kernel longer is collected by the janitor.
+void kill_walker(walker_proc& p);
+
+// Starts a walker for target, or a spare one for a target named later
+// (target 0).
+int spawn_walker(pid_t target, walker_proc& out) {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0)
+        return -errno;
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    // dup2 onto 3 clears close-on-exec, unless the end already is 3.
+    int child_end = sv[1] == walker_fd ? fcntl(sv[1], F_DUPFD_CLOEXEC, walker_fd + 1) : sv[1];
+    posix_spawn_file_actions_adddup2(&fa, child_end, walker_fd);
+    posix_spawn_file_actions_addclosefrom_np(&fa, walker_fd + 1);
+    std::string pid_text = std::to_string(target);
+    const std::string& path = config().walker;
+    char* argv[] = {const_cast<char*>("vireo-walker"), target > 0 ? &pid_text[0] : nullptr,
+                    nullptr};
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, path.c_str(), &fa, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&fa);
+    if (child_end != sv[1])
+        close(child_end);
+    close(sv[1]);
+    if (rc != 0) {
+        close(sv[0]);
+        __android_log_print(ANDROID_LOG_ERROR, log_tag, "cannot start %s: %s", path.c_str(),
+                            strerror(rc));
+        return -EIO;
+    }
+    out.pid = pid;
+    out.fd = sv[0];
+    return 0;
+}
+
+// Walkers still to be collected after a kill that did not finish at once.
+std::mutex& zombies_lock = *new std::mutex;
+std::vector<pid_t>& zombies = *new std::vector<pid_t>;
+
+void kill_walker(walker_proc& p) {
+    if (p.pid > 0) {
+        // The exit is awaited on a pidfd where the kernel has them.
+        int pidfd = static_cast<int>(syscall(SYS_pidfd_open, p.pid, 0));
+        kill(p.pid, SIGKILL);
+        auto until = steady::now() + milliseconds(1000);
+        bool reaped = false;
+        for (;;) {
+            int st;
+            pid_t r = waitpid(p.pid, &st, WNOHANG);
+            if ((reaped = r == p.pid || (r < 0 && errno != EINTR)))
+                break;
+            auto left = std::chrono::duration_cast<milliseconds>(until - steady::now()).count();
+            if (left <= 0)
+                break;
+            pollfd pf{pidfd, POLLIN, 0};
+            if (pidfd < 0 || poll(&pf, 1, static_cast<int>(left)) < 0)
+                usleep(1000);
+        }
+        if (pidfd >= 0)
+            close(pidfd);
+        if (!reaped) {
+            std::lock_guard<std::mutex> hold(zombies_lock);
+            zombies.push_back(p.pid);
+        }
+    }
+    if (p.fd >= 0)
+        close(p.fd);
+    p = walker_proc{};
+}
+
+// One request and its reply within the deadline. 0 with status and text,
+// -ETIME when the deadline passed, -EPIPE when the walker was gone before
+// the request, -EIO when it died or spoke nonsense during it.
+int exchange(walker_proc& p, const walker_request& req, steady::time_point deadline,
+             walker_reply& rep, std::string& text) {
+    if (send(p.fd, &req, sizeof req, MSG_NOSIGNAL | MSG_DONTWAIT) !=
+        static_cast<ssize_t>(sizeof req)) {
+        return -EPIPE;
+    }
+    auto receive = [&](void* buf, size_t n) {
+        auto* at = static_cast<uint8_t*>(buf);
+        while (n > 0) {
+            auto left = std::chrono::duration_cast<milliseconds>(deadline - steady::now()).count();
+            pollfd pf{p.fd, POLLIN, 0};
+            int ready = left > 0 ? poll(&pf, 1, static_cast<int>(left) + 1) : 0;
+            if (ready < 0 && errno == EINTR)
+                continue;
+            if (ready == 0)
+                return -ETIME;
+            ssize_t r = recv(p.fd, at, n, MSG_DONTWAIT);
+            if (r < 0 && (errno == EINTR || errno == EAGAIN))
+                continue;
+            if (r <= 0)
+                return -EIO;
+            at += r;
+            n -= static_cast<size_t>(r);
+        }
+        return 0;
+    };
+    int rc = receive(&rep, sizeof rep);
+    if (rc == 0 && (rep.len > walker_max_text || (rep.status != 0 && rep.len != 0)))
+        rc = -EIO;
+    if (rc == 0) {
+        text.resize(rep.len);
+        rc = receive(&text[0], rep.len);
+    }
+    return rc;
+}
+
+// --- the pool: one walker per target, one request per target at a time ---------
+
+struct slot {
+    bool busy = false;
+    walker_proc idle;  // pid -1: none kept
+    steady::time_point last;
+};
+
+std::mutex& pool_lock = *new std::mutex;
+std::condition_variable& pool_changed = *new std::condition_variable;
+std::unordered_map<pid_t, slot>& pool =
+    *new std::unordered_map<pid_t, slot>;  // guarded by pool_lock
+// A walker started ahead, bound to the next new target: a program start
+// and libdw's loading cost more than most walks. Guarded by pool_lock.
+walker_proc spare;
+bool spare_wanted = false;
+
+// Walkers idle past idle-ms are ended, and killed walkers collected, by a
+// thread of the plug-in's own, so that nothing waits for the next request.
+void janitor() {
+    for (;;) {
+        std::vector<walker_proc> expired;
+        {
+            std::unique_lock<std::mutex> hold(pool_lock);
+            pool_changed.wait_for(hold, milliseconds(std::max(config().idle_ms / 2, 50)));
+            auto now = steady::now();
+            for (auto it = pool.begin(); it != pool.end();) {
+                slot& s = it->second;
+                if (s.idle.pid > 0 && now - s.last >= milliseconds(config().idle_ms)) {
+                    expired.push_back(s.idle);
+                    s.idle = walker_proc{};
+                }
+                it = !s.busy && s.idle.pid < 0 ? pool.erase(it) : std::next(it);
+            }
+        }
+        for (walker_proc& p : expired) kill_walker(p);
+        bool start_spare;
+        {
+            std::lock_guard<std::mutex> hold(pool_lock);
+            start_spare = spare_wanted && spare.pid < 0;
+        }
+        walker_proc p;
+        if (start_spare) {
+            // A walker that cannot start is tried again after the next walk.
+            bool started = spawn_walker(0, p) == 0;
+            std::lock_guard<std::mutex> hold(pool_lock);
+            spare = p;
+            spare_wanted = started;
+        }
+        std::lock_guard<std::mutex> hold(zombies_lock);
+        for (auto it = zombies.begin(); it != zombies.end();) {
+            int st;
+            it = waitpid(*it, &st, WNOHANG) == 0 ? std::next(it) : zombies.erase(it);
+        }
+    }
+}
+
+// Takes the turn for target, waiting at most until deadline: walks of one
+// process take turns (a thread accepts one tracer), and a wedged walk
+// makes the others fail at their own deadlines instead of queueing.
+bool take_turn(pid_t target, steady::time_point deadline, walker_proc& idle) {
+    static std::once_flag started;
+    std::call_once(started, [] { std::thread(janitor).detach(); });
+    std::unique_lock<std::mutex> hold(pool_lock);
+    if (!pool_changed.wait_until(hold, deadline, [&] { return !pool[target].busy; }))
+        return false;
+    slot& s = pool[target];
+    s.busy = true;
+    idle = s.idle;
+    s.idle = walker_proc{};
+    return true;
+}
+
+// Ends the turn, keeping p (when it has a pid) as target's idle walker. The
+// least recently used idle walkers beyond max-idle-walkers are ended.
+void end_turn(pid_t target, walker_proc p) {
+    std::vector<walker_proc> evicted;
+    {
+        std::lock_guard<std::mutex> hold(pool_lock);
+        slot& s = pool[target];
+        s.busy = false;
+        s.idle = p;
+        s.last = steady::now();
+        for (;;) {
+            int idle = 0;
+            slot* oldest = nullptr;
+            for (auto& e : pool) {
+                if (e.second.idle.pid < 0)
+                    continue;
+                idle++;
+                if (oldest == nullptr || e.second.last < oldest->last)
+                    oldest = &e.second;
+            }
+            if (idle <= config().max_idle)
+                break;
+            evicted.push_back(oldest->idle);
+            oldest->idle = walker_proc{};
+        }
+    }
+    pool_changed.notify_all();
+    for (walker_proc& e : evicted) kill_walker(e);
+}
+
+// A walker for target: the spare one when it is ready, else a new one.
+int start_walker(pid_t target, walker_proc& p) {
+    {
+        std::lock_guard<std::mutex> hold(pool_lock);
+        p = spare;
+        spare = walker_proc{};
+        spare_wanted = true;
+    }
+    pool_changed.notify_all();  // the janitor starts the next spare
+    walker_request bind{walker_bind, target};
+    if (p.pid > 0 && send(p.fd, &bind, sizeof bind, MSG_NOSIGNAL | MSG_DONTWAIT) == sizeof bind)
+        return 0;
+    kill_walker(p);
+    return spawn_walker(target, p);
+}
+
+// One walk of the request's target; the reply text in text.
+int walk(comm_data* c, walker_op op, std::string& text) {
+    probe_args args;
+    int rc = probe_parse_args(c, args);
+    if (rc == 0)
+        rc = probe_check_target(args);
+    if (rc != 0)
+        return rc;
+
+    auto deadline = steady::now() + milliseconds(config().deadline_ms);
+    walker_proc p;
+    if (!take_turn(args.pid, deadline, p))
+        return -ETIME;
+    walker_request req{op, args.tid};
+    walker_reply rep{};
+    bool fresh = p.pid < 0;
+    for (;;) {
+        if (p.pid < 0) {
+            fresh = true;
+            rc = start_walker(args.pid, p);
+            if (rc != 0)
+                break;
+        }
+        rc = exchange(p, req, deadline, rep, text);
+        // A kept walker that died while idle: a fresh one takes the request.
+        if (rc != -EPIPE || fresh)
+            break;
+        kill_walker(p);
+    }
+    if (rc == -EPIPE)
+        rc = -EIO;
+    if (rc == -ETIME) {
+        __android_log_print(ANDROID_LOG_ERROR, log_tag,
+                            "walk of pid %d passed its deadline of %d ms", args.pid,
+                            config().deadline_ms);
+    } else if (rc == -EIO) {
+        __android_log_print(ANDROID_LOG_ERROR, log_tag, "walker of pid %d ended during the walk",
+                            args.pid);
+    }
+    // A walker is kept only after a clean answer about a live process.
+    if (rc != 0 || rep.status == -ESRCH)
+        kill_walker(p);
+    end_turn(args.pid, p);
+    return rc != 0 ? rc : rep.status;
+}
+
+}  // namespace
+
+// One "Thread TID (name):" line per thread, then its frames from the
+// innermost: "#N  0xPC in function+0xOFF (module)".
+PROBE_EXPORT int probe_stack(comm_data* c) {
+    std::string text;
+    int rc = walk(c, walker_stack, text);
+    return rc != 0 ? rc : probe_reply(c, text.data(), text.size());
+}
+
+// One line per thread: tid, name, microseconds stopped, and the frames
+// root first as "frame;frame;...;leaf", separated by tabs.
+PROBE_EXPORT int probe_sample(comm_data* c) {
+    std::string text;
+    int rc = walk(c, walker_sample, text);
+    return rc != 0 ? rc : probe_reply(c, text.data(), text.size());
+}

@@ -1,0 +1,617 @@
+// vireo-walker: the ptrace and libdw work of the probe plug-in, in a process
+// of its own, so that a fault in the unwinder or a target that never stops
+// costs one request and never the daemon. Started by the plug-in as
+// "vireo-walker PID" with a stream socket as file descriptor 3; answers the
+// requests of walker_proto.h for that one process until the socket closes.
+// Started without a PID, it waits for a walker_bind request naming one.
+//
+// Each thread is stopped only while its registers are read and its stack
+// unwound (PTRACE_SEIZE, PTRACE_INTERRUPT, ..., PTRACE_DETACH): seizing never
+// sends the target a signal, a thread in a group-stop stays stopped, and a
+// signal that arrives meanwhile is delivered on detach. Symbols are looked
+// up after the thread runs again. The process's modules and the symbol
+// tables stay loaded between requests and are reported again only when
+// /proc/PID/maps changes. When this process dies, the kernel detaches every
+// thread it still holds.
+#include <cxxabi.h>
+#include <dwarf.h>
+#include <elf.h>
+#include <elfutils/libdwfl.h>
+#include <fcntl.h>
+#include <libelf.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "probe_common.h"
+#include "walker_proto.h"
+
+namespace {
+
+// A walk past this many frames is a corrupt or endless chain.
+constexpr size_t max_frames = 256;
+
+char* debuginfo_path = nullptr;
+const Dwfl_Callbacks proc_callbacks = {dwfl_linux_proc_find_elf, dwfl_standard_find_debuginfo,
+                                       nullptr, &debuginfo_path};
+
+struct frame {
+    Dwarf_Addr pc;
+    bool activation;
+};
+
+// Stack memory read while a thread is stopped, a page at a time: an unwind
+// reads a few neighbouring words per frame.
+struct page_cache {
+    static constexpr size_t page = 4096, slots = 16;
+    uint64_t base[slots];
+    uint8_t data[slots][page];
+    void clear() {
+        for (uint64_t& b : base) b = 1;  // never page-aligned: empty
+    }
+};
+
+struct walker {
+    pid_t pid = 0;
+    Dwfl* dwfl = nullptr;
+    std::string maps;  // the text the modules were reported from
+    // Frame names for samples and "function+offset (module)" for stacks, by
+    // frame_key: symbol lookup and demangling cost more than the unwind.
+    std::unordered_map<uint64_t, std::string> names, places;
+    pid_t tid = 0;  // the thread being unwound
+    Dwarf_Word regs[32] = {};
+    Dwarf_Word pc = 0;
+    bool peek = false;  // process_vm_readv refused: read word by word
+    page_cache cache;
+    std::vector<pid_t> unreaped;  // threads that died while held
+#ifdef __aarch64__
+    // Pointer authentication: the bits of a code address that hold a
+    // signature. libdw 0.188 does not strip them, so a signed return
+    // address would match no module and end the walk after one frame.
+    uint64_t pac_mask = 0;
+    bool pac_read = false;
+#endif
+};
+
+bool fill_page(walker& w, uint64_t base, uint8_t* out) {
+    if (!w.peek) {
+        iovec local{out, page_cache::page};
+        iovec remote{reinterpret_cast<void*>(base), page_cache::page};
+        ssize_t n = process_vm_readv(w.pid, &local, 1, &remote, 1, 0);
+        if (n == static_cast<ssize_t>(page_cache::page))
+            return true;
+        if (n >= 0 || (errno != ENOSYS && errno != EPERM))
+            return false;
+        w.peek = true;  // a seccomp filter or an old kernel: ptrace still works
+    }
+    for (size_t i = 0; i < page_cache::page; i += sizeof(long)) {
+        errno = 0;
+        long v = ptrace(PTRACE_PEEKDATA, w.tid, base + i, nullptr);
+        if (errno != 0)
+            return false;
+        memcpy(out + i, &v, sizeof v);
+    }
+    return true;
+}
+
+bool read_memory(walker& w, uint64_t addr, void* out, size_t n) {
+    auto* dst = static_cast<uint8_t*>(out);
+    while (n > 0) {
+        uint64_t base = addr & ~static_cast<uint64_t>(page_cache::page - 1);
+        size_t slot = (base / page_cache::page) % page_cache::slots;
+        if (w.cache.base[slot] != base) {
+            if (!fill_page(w, base, w.cache.data[slot]))
+                return false;
+            w.cache.base[slot] = base;
+        }
+        size_t off = addr - base, take = std::min(n, page_cache::page - off);
+        memcpy(dst, w.cache.data[slot] + off, take);
+        dst += take;
+        addr += take;
+        n -= take;
+    }
+    return true;
+}
+
+#ifdef __aarch64__
+// A signed return address carries its signature in pac_mask's bits. Only a
+// value that then falls into a module is taken for one: a saved data
+// register with those bits set stays as it was.
+Dwarf_Word strip_pac(walker& w, Dwarf_Word v) {
+    if ((v & w.pac_mask) == 0)
+        return v;
+    Dwarf_Word stripped = v & ~w.pac_mask;
+    if (dwfl_addrmodule(w.dwfl, v) == nullptr && dwfl_addrmodule(w.dwfl, stripped) != nullptr) {
+        return stripped;
+    }
+    return v;
+}
+#endif
+
+// --- the thread state libdw unwinds from ------------------------------------
+
+pid_t cb_next_thread(Dwfl*, void*, void**) {
+    return 0;
+}  // threads are listed from /proc
+
+bool cb_get_thread(Dwfl*, pid_t tid, void* arg, void** thread_arg) {
+    *thread_arg = arg;
+    return tid == static_cast<walker*>(arg)->tid;
+}
+
+bool cb_memory_read(Dwfl*, Dwarf_Addr addr, Dwarf_Word* result, void* arg) {
+    auto& w = *static_cast<walker*>(arg);
+    if (!read_memory(w, addr, result, sizeof *result))
+        return false;
+#ifdef __aarch64__
+    *result = strip_pac(w, *result);
+#endif
+    return true;
+}
+
+bool cb_set_initial_registers(Dwfl_Thread* thread, void* arg) {
+    auto& w = *static_cast<walker*>(arg);
+#if defined(__x86_64__)
+    // DWARF 0..16: rax rdx rcx rbx rsi rdi rbp rsp r8..r15, rip.
+    return dwfl_thread_state_registers(thread, 0, 17, w.regs);
+#elif defined(__aarch64__)
+    // DWARF 0..31: x0..x30, sp; the pc apart.
+    if (!dwfl_thread_state_registers(thread, 0, 32, w.regs))
+        return false;
+    dwfl_thread_state_register_pc(thread, w.pc);
+    return true;
+#else
+#error "vireo-walker reads registers on x86_64 and aarch64 only"
+#endif
+}
+
+const Dwfl_Thread_Callbacks thread_callbacks = {
+    cb_next_thread, cb_get_thread, cb_memory_read, cb_set_initial_registers, nullptr, nullptr};
+
+// Registers of the stopped thread w.tid, in libdw's order.
+int read_registers(walker& w) {
+#if defined(__x86_64__)
+    user_regs_struct r;
+    if (ptrace(PTRACE_GETREGS, w.tid, nullptr, &r) != 0)
+        return -errno;
+    const unsigned long long order[17] = {r.rax, r.rdx, r.rcx, r.rbx, r.rsi, r.rdi,
+                                          r.rbp, r.rsp, r.r8,  r.r9,  r.r10, r.r11,
+                                          r.r12, r.r13, r.r14, r.r15, r.rip};
+    for (int i = 0; i < 17; i++) w.regs[i] = order[i];
+    w.pc = r.rip;
+#elif defined(__aarch64__)
+    user_regs_struct r;
+    iovec io{&r, sizeof r};
+    if (ptrace(PTRACE_GETREGSET, w.tid, NT_PRSTATUS, &io) != 0)
+        return -errno;
+    for (int i = 0; i < 31; i++) w.regs[i] = r.regs[i];
+    w.regs[31] = r.sp;
+    w.pc = r.pc;
+    if (!w.pac_read) {
+        // Without pointer authentication the kernel refuses the set: mask 0.
+        struct {
+            uint64_t data_mask, insn_mask;
+        } pac{};
+        iovec pio{&pac, sizeof pac};
+        if (ptrace(PTRACE_GETREGSET, w.tid, NT_ARM_PAC_MASK, &pio) == 0)
+            w.pac_mask = pac.insn_mask;
+        w.pac_read = true;
+    }
+    w.regs[30] = strip_pac(w, w.regs[30]);  // the link register of a leaf
+#endif
+    return 0;
+}
+
+// --- stopping a thread --------------------------------------------------------
+
+void reap_later(walker& w, pid_t tid) {
+    int st;
+    if (waitpid(tid, &st, __WALL | WNOHANG) == 0)
+        w.unreaped.push_back(tid);
+}
+
+// A thread we held may have died (SIGKILL, exit_group): its exit is reported
+// to us as its tracer, and until we collect it the parent cannot reap it.
+void reap_pending(walker& w) {
+    std::vector<pid_t> left;
+    for (pid_t tid : w.unreaped) {
+        int st;
+        pid_t r = waitpid(tid, &st, __WALL | WNOHANG);
+        if (r == 0 || (r < 0 && errno == EINTR))
+            left.push_back(tid);
+    }
+    w.unreaped.swap(left);
+}
+
+// Stops tid for the walk. 0 with *signal the signal to hand back on detach,
+// or a negated errno (-ESRCH: the thread is gone).
+int stop_thread(walker& w, pid_t tid, int* signal) {
+    *signal = 0;
+    if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0)
+        return -errno;
+    if (ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr) != 0) {
+        // Only a thread on its way out refuses the interrupt: its exit
+        // comes to us to collect.
+        int err = errno;
+        if (ptrace(PTRACE_DETACH, tid, nullptr, nullptr) != 0)
+            reap_later(w, tid);
+        return -err;
+    }
+    for (;;) {
+        int st = 0;
+        pid_t r = waitpid(tid, &st, __WALL);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r < 0)
+            return -errno;
+        if (WIFEXITED(st) || WIFSIGNALED(st))
+            return -ESRCH;  // collected: nothing held
+        if (!WIFSTOPPED(st))
+            continue;
+        // A signal that arrived before our interrupt stops the thread first:
+        // it goes back with the detach. Our own stop is an event stop.
+        if ((st >> 16) != PTRACE_EVENT_STOP)
+            *signal = WSTOPSIG(st);
+        return 0;
+    }
+}
+
+void resume_thread(walker& w, pid_t tid, int signal) {
+    if (ptrace(PTRACE_DETACH, tid, nullptr, signal) != 0)
+        reap_later(w, tid);
+}
+
+int64_t now_us() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+int collect_frame(Dwfl_Frame* state, void* arg) {
+    auto& frames = *static_cast<std::vector<frame>*>(arg);
+    frame f;
+    if (!dwfl_frame_pc(state, &f.pc, &f.activation))
+        return DWARF_CB_ABORT;
+    frames.push_back(f);
+    return frames.size() < max_frames ? DWARF_CB_OK : DWARF_CB_ABORT;
+}
+
+// The frames of one thread, innermost first, and how long it was held
+// (microseconds). 0, or a negated errno with no frames; why says what
+// ended a walk that found none.
+int walk_thread(walker& w, pid_t tid, std::vector<frame>& frames, int64_t& held_us,
+                std::string& why) {
+    frames.clear();
+    int64_t start = now_us();
+    int signal = 0;
+    int rc = stop_thread(w, tid, &signal);
+    if (rc != 0) {
+        why = strerror(-rc);
+        return rc;
+    }
+    w.tid = tid;
+    w.cache.clear();
+    rc = read_registers(w);
+    if (rc == 0 && dwfl_getthread_frames(w.dwfl, tid, collect_frame, &frames) != 0 &&
+        frames.empty()) {
+        why = dwfl_errmsg(-1);
+    }
+    resume_thread(w, tid, signal);
+    held_us = now_us() - start;
+    if (rc != 0)
+        why = strerror(-rc);
+    return rc;
+}
+
+// --- modules and symbols ------------------------------------------------------
+
+// The walker's own executable: it tells libdw the architecture (the
+// target's is the same), where a target's files may be gone as it exits.
+Elf* own_elf() {
+    static Elf* elf = [] {
+        elf_version(EV_CURRENT);
+        int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+        return fd < 0 ? nullptr : elf_begin(fd, ELF_C_READ_MMAP, nullptr);
+    }();
+    return elf;
+}
+
+// Reports the process's modules when its mappings changed (and on first
+// use). 0 or a negated errno.
+int refresh_modules(walker& w) {
+    std::string maps;
+    // Up to 64 MiB: a process with many mappings (a JIT, a large C++
+    // program) has maps far beyond a status file's size.
+    if (probe_read_file("/proc/" + std::to_string(w.pid) + "/maps", maps, 16384) != 0 ||
+        maps.empty()) {
+        return -ESRCH;
+    }
+    if (w.dwfl != nullptr && maps == w.maps)
+        return 0;
+    if (w.dwfl == nullptr && (w.dwfl = dwfl_begin(&proc_callbacks)) == nullptr)
+        return -ENOMEM;
+    FILE* f = fmemopen(&maps[0], maps.size(), "r");
+    if (f == nullptr)
+        return -ENOMEM;
+    dwfl_report_begin(w.dwfl);
+    int rc = dwfl_linux_proc_maps_report(w.dwfl, f);
+    fclose(f);
+    if (dwfl_report_end(w.dwfl, nullptr, nullptr) != 0 || rc != 0) {
+        return -EINVAL;
+    }
+    w.names.clear();
+    w.places.clear();
+    w.maps = maps;
+    if (dwfl_pid(w.dwfl) < 0 &&
+        !dwfl_attach_state(w.dwfl, own_elf(), w.pid, &thread_callbacks, &w)) {
+        w.maps.clear();
+        return -EINVAL;
+    }
+    return 0;
+}
+
+std::string demangled(const char* sym) {
+    int status = -1;
+    char* plain = abi::__cxa_demangle(sym, nullptr, nullptr, &status);
+    std::string name = status == 0 && plain != nullptr ? plain : sym;
+    free(plain);
+    return name;
+}
+
+// The innermost frame's pc is looked up as it is, a return address one byte
+// back: the same value means another place in the two cases.
+uint64_t frame_key(const frame& f) {
+    return f.pc ^ (f.activation ? 1ull << 63 : 0);
+}
+
+struct symbol {
+    const char* name = nullptr;  // nullptr: none
+    const char* module = nullptr;
+    uint64_t offset = 0;
+};
+
+// The function a frame is in. A return address points past its call: the
+// call itself is looked up, so a call as a function's last instruction is
+// not put in the next function.
+symbol lookup(walker& w, const frame& f) {
+    symbol s;
+    Dwarf_Addr at = f.activation ? f.pc : f.pc - 1;
+    Dwfl_Module* mod = dwfl_addrmodule(w.dwfl, at);
+    if (mod == nullptr)
+        return s;
+    GElf_Off off = 0;
+    GElf_Sym sym;
+    s.name = dwfl_module_addrinfo(mod, at, &off, &sym, nullptr, nullptr, nullptr);
+    s.module = dwfl_module_info(mod, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    s.offset = off + (f.pc - at);
+    return s;
+}
+
+// A frame's name in a folded stack: the function, else "[module]", else
+// "??"; never a ';', which separates frames.
+const std::string& folded_name(walker& w, const frame& f) {
+    auto it = w.names.find(frame_key(f));
+    if (it != w.names.end())
+        return it->second;
+    symbol s = lookup(w, f);
+    std::string name;
+    if (s.name != nullptr) {
+        name = demangled(s.name);
+    } else if (s.module != nullptr) {
+        const char* base = strrchr(s.module, '/');
+        name = std::string("[") + (base != nullptr ? base + 1 : s.module) + "]";
+    } else {
+        name = "??";
+    }
+    for (char& ch : name) {
+        if (ch == ';' || static_cast<unsigned char>(ch) < 0x20)
+            ch = ':';
+    }
+    return w.names.emplace(frame_key(f), std::move(name)).first->second;
+}
+
+// --- requests ---------------------------------------------------------------
+
+struct counts {
+    int walked = 0;    // threads with at least one frame
+    int refused = 0;   // threads ptrace would not stop
+    int vanished = 0;  // threads that ended before their walk
+};
+
+void note(counts& n, int rc, size_t frames) {
+    if (frames > 0)
+        n.walked++;
+    if (rc == -EPERM || rc == -EACCES || rc == -ENOSYS)  // ENOSYS: an emulator without ptrace
+        n.refused++;
+    if (rc == -ESRCH)
+        n.vanished++;
+}
+
+void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, const std::string& why,
+                 text_out& out) {
+    if (!out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str()))
+        return;
+    if (frames.empty()) {
+        out.printf("    (no frames: %s)", why.c_str());
+        return;
+    }
+    int n = 0;
+    for (const frame& f : frames) {
+        auto it = w.places.find(frame_key(f));
+        if (it == w.places.end()) {
+            symbol s = lookup(w, f);
+            const char* module = s.module != nullptr ? s.module : "??";
+            char off[32];
+            snprintf(off, sizeof off, "+0x%" PRIx64, s.offset);
+            std::string place = s.name != nullptr ? demangled(s.name) + off : "??";
+            it = w.places.emplace(frame_key(f), place + " (" + module + ")").first;
+        }
+        if (!out.printf("#%-2d 0x%016" PRIx64 " in %s", n++, f.pc, it->second.c_str()))
+            return;
+    }
+}
+
+void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, int64_t held_us,
+                  text_out& out) {
+    std::string line = std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) + "\t" +
+                       std::to_string(held_us) + "\t";
+    for (size_t i = frames.size(); i-- > 0;) {
+        line += folded_name(w, frames[i]);
+        if (i > 0)
+            line += ';';
+    }
+    out.line(line);
+}
+
+// True when pid is gone or becomes a zombie within a few milliseconds.
+// The state letter of a thread (or of the process, for tid == pid) from
+// its stat file; 0 when it is gone.
+char thread_state(pid_t pid, pid_t tid) {
+    std::string stat;
+    std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/stat";
+    if (probe_read_file(path, stat) != 0)
+        return 0;
+    size_t close = stat.rfind(')');
+    return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
+}
+
+bool ending(pid_t pid) {
+    for (int i = 0; i < 20; i++) {
+        char state = thread_state(pid, pid);
+        if (state == 0 || state == 'Z' || state == 'X')
+            return true;
+        usleep(1000);
+    }
+    return false;
+}
+
+int handle(walker& w, const walker_request& req, text_out& out) {
+    reap_pending(w);
+    int rc = refresh_modules(w);
+    if (rc != 0)
+        return ending(w.pid) ? -ESRCH : rc;
+    std::vector<pid_t> tids = req.tid != 0 ? std::vector<pid_t>{req.tid} : probe_list_tasks(w.pid);
+    if (tids.empty())
+        return -ESRCH;
+    counts n;
+    std::vector<frame> frames;
+    for (pid_t tid : tids) {
+        int64_t held_us = 0;
+        std::string why;
+        // A sample does not wait for a thread in an uninterruptible sleep,
+        // which may never stop: it is counted as such, and the other
+        // threads are sampled on.
+        if (req.op == walker_sample && thread_state(w.pid, tid) == 'D') {
+            n.walked++;
+            out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
+                     "\t0\t[uninterruptible]");
+            continue;
+        }
+        rc = walk_thread(w, tid, frames, held_us, why);
+        note(n, rc, frames.size());
+        if (req.op == walker_stack) {
+            print_stack(w, tid, frames, why, out);
+        } else if (rc == 0) {
+            print_sample(w, tid, frames, held_us, out);
+        }
+        if (out.truncated)
+            break;
+    }
+    // Threads on their way out refuse ptrace as well: a process that is
+    // ending is gone, not refused.
+    if (n.walked == 0 && n.refused > 0)
+        return ending(w.pid) ? -ESRCH : -EPERM;
+    if (n.walked == 0 && n.vanished == static_cast<int>(tids.size()))
+        return -ESRCH;
+    return 0;
+}
+
+bool read_all(int fd, void* buf, size_t n) {
+    auto* p = static_cast<uint8_t*>(buf);
+    while (n > 0) {
+        ssize_t r = read(fd, p, n);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            return false;
+        p += r;
+        n -= static_cast<size_t>(r);
+    }
+    return true;
+}
+
+bool write_all(int fd, const void* buf, size_t n) {
+    auto* p = static_cast<const uint8_t*>(buf);
+    while (n > 0) {
+        ssize_t r = send(fd, p, n, MSG_NOSIGNAL);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            return false;
+        p += r;
+        n -= static_cast<size_t>(r);
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    char* end = nullptr;
+    long pid = argc == 2 ? strtol(argv[1], &end, 10) : 0;
+    if (argc > 2 || (argc == 2 && (pid <= 0 || *end != '\0'))) {
+        fprintf(stderr, "usage: vireo-walker [PID]  (run by the probe plug-in, socket on fd 3)\n");
+        return 64;
+    }
+    // Never outlive the daemon, even in the middle of a walk. (A daemon
+    // gone before this line closed the socket: the first read ends us.)
+    pid_t parent = getppid();
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent)
+        return 0;
+    signal(SIGPIPE, SIG_IGN);
+
+    static walker w;  // the page cache is large for a stack
+    w.pid = static_cast<pid_t>(pid);
+    std::vector<uint8_t> text(walker_max_text);
+    for (;;) {
+        // Held threads that died are collected promptly even when idle.
+        pollfd p{walker_fd, POLLIN, 0};
+        if (poll(&p, 1, w.unreaped.empty() ? -1 : 20) == 0) {
+            reap_pending(w);
+            continue;
+        }
+        walker_request req;
+        if (!read_all(walker_fd, &req, sizeof req))
+            return 0;  // the plug-in closed
+        if (req.op == walker_bind && w.pid == 0 && req.tid > 0) {
+            w.pid = req.tid;
+            continue;
+        }
+        text_out out(text.data(), static_cast<int>(text.size()));
+        walker_reply rep{};
+        bool known = w.pid > 0 && (req.op == walker_stack || req.op == walker_sample);
+        rep.status = known ? handle(w, req, out) : -EINVAL;
+        rep.len = rep.status == 0 ? static_cast<uint32_t>(out.finish()) : 0;
+        if (!write_all(walker_fd, &rep, sizeof rep) ||
+            !write_all(walker_fd, text.data(), rep.len)) {
+            return 0;
+        }
+    }
+}

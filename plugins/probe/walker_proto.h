@@ -1,0 +1,36 @@
+// What the probe plug-in and its walker program say to each other over the
+// stream socket the walker inherits as file descriptor 3. One request, then
+// one reply, at a time; both sides run on the same machine, so the structs
+// travel in host byte order.
+#pragma once
+
+#include <cstdint>
+
+// The walker's end of the socket.
+constexpr int walker_fd = 3;
+
+// The largest reply text: a longer one is cut at a whole line and ends
+// with "... truncated".
+constexpr uint32_t walker_max_text = 1u << 20;
+
+enum walker_op : uint32_t {
+    // "Thread TID (name):" and "#N  0xPC in function+0xOFF (module)" lines.
+    walker_stack = 1,
+    // One line per thread: TID, name, microseconds the thread was stopped,
+    // and its frames root first as "frame;frame;...;leaf", tab-separated.
+    walker_sample = 2,
+    // No reply: from now on the walker serves process tid. The first
+    // request of a walker started without a PID, which the plug-in keeps
+    // ready so that a new target does not wait for a program start.
+    walker_bind = 3,
+};
+
+struct walker_request {
+    uint32_t op;
+    int32_t tid;  // 0: every thread of the walker's process
+};
+
+struct walker_reply {
+    int32_t status;  // 0, or a negated errno value (then len is 0)
+    uint32_t len;    // text bytes that follow
+};
