@@ -39,8 +39,9 @@ set(header_sample/files-only.json
 set(security
 "  // Clients must hold a key listed in authorized_keys; each may use the
   // command codes given on its line. The secret key is
-  // ${etc_dir}/server.key, which systemd hands to the service at the path
-  // below (LoadCredential= in the unit): edit both together.
+  //   ${etc_dir}/server.key
+  // and systemd hands it to the service at the path below (LoadCredential=
+  // in the unit): change both together.
   \"security\": {
     \"secret-key\": \"/run/credentials/vireo-monitor.service/server.key\",
     \"authorized-keys\": \"${etc_dir}/authorized_keys\"
