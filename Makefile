@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap configure build test run run-exporter clean bench fuzz soak package test-arm64
+.PHONY: all bootstrap configure build test run run-exporter clean bench fuzz soak package lintian test-arm64
 
 all: build
 
@@ -42,9 +42,14 @@ fuzz: bootstrap
 soak: build
 	tests/hardening/soak $(BUILD_DIR)
 
-# Debian packages for the host and for arm64, in build/packages/.
+# Debian packages (debian/) for the host and, cross-built, for arm64, in
+# build/packages/; lintian and a served request from each.
 package: bootstrap
 	scripts/package
+
+# lintian --pedantic on the packages in build/packages/: fails on E: or W:.
+lintian:
+	scripts/lintian-check
 
 # Cross build for AArch64 and the tests under qemu-user.
 test-arm64:

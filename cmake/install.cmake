@@ -1,5 +1,6 @@
-# What `cmake --install` and the Debian packages put where. Included at the
-# end of the top-level CMakeLists.txt, once every target exists.
+# What `cmake --install` and the Debian packages (debian/) put where.
+# Included at the end of the top-level CMakeLists.txt, once every target
+# exists.
 #
 # Everything installs under relative destinations, so `--prefix` and DESTDIR
 # move it all; a package build sets CMAKE_INSTALL_SYSCONFDIR=/etc to keep the
@@ -8,14 +9,20 @@
 # to the plug-ins.
 include(CMakePackageConfigHelpers)
 
-# Plug-ins are private to the daemon and named by path in the configuration,
-# so their folder is the same on every architecture (no multiarch triplet).
-set(VIREO_PLUGIN_INSTALL_DIR lib/vireo-monitor/plugins)
+option(VIREO_INSTALL_SECURITY
+  "Installed main.json answers only the clients in SYSCONFDIR/vireo-monitor/authorized_keys, the service getting its secret key from systemd (the Debian package turns this on)"
+  OFF)
+
+# The daemon's private folder: its plug-ins and helper programs, built for
+# one architecture, so under the multiarch library folder (lib/<triplet>
+# for a /usr prefix). The configuration names the plug-ins by absolute path.
+set(VIREO_PKGLIB_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/vireo-monitor)
+set(VIREO_PLUGIN_INSTALL_DIR ${VIREO_PKGLIB_INSTALL_DIR}/plugins)
 set(VIREO_INCLUDE_INSTALL_DIR ${CMAKE_INSTALL_INCLUDEDIR}/vireo-monitor)
-# The SDK holds headers and flags only: nothing in it depends on the
-# architecture, so it lives under share/.
-set(VIREO_CMAKE_INSTALL_DIR ${CMAKE_INSTALL_DATADIR}/cmake/vireo-monitor)
-set(VIREO_PKGCONFIG_INSTALL_DIR ${CMAKE_INSTALL_DATADIR}/pkgconfig)
+# The SDK names the plug-in folder, which depends on the architecture: its
+# CMake package and .pc file go with it under the library folder.
+set(VIREO_CMAKE_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vireo-monitor)
+set(VIREO_PKGCONFIG_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # --- programs and the plug-ins we ship --------------------------------------
 # The daemon is started by the service manager, not by users: sbin/.
@@ -36,6 +43,10 @@ if(TARGET vireo_probe)
        ${CMAKE_INSTALL_PREFIX}/${VIREO_WALKER_INSTALL_DIR}/vireo-walker)
   target_compile_definitions(vireo_probe PRIVATE VIREO_WALKER_FROM_PLUGIN="${walker_from_plugin}")
 endif()
+# The probe's walker is run by the plug-in, never by users: not on PATH.
+if(TARGET vireo-walker)
+  install(TARGETS vireo-walker RUNTIME DESTINATION ${VIREO_PKGLIB_INSTALL_DIR})
+endif()
 
 # --- configuration ----------------------------------------------------------
 install(CODE "
@@ -43,14 +54,29 @@ install(CODE "
   set(VIREO_SYSCONFDIR \"${CMAKE_INSTALL_SYSCONFDIR}\")
   set(VIREO_PLUGIN_INSTALL_DIR \"${VIREO_PLUGIN_INSTALL_DIR}\")
   set(VIREO_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
+  set(VIREO_DOCDIR \"${CMAKE_INSTALL_DOCDIR}\")
+  set(VIREO_INSTALL_SECURITY ${VIREO_INSTALL_SECURITY})
   set(VIREO_CONFIGURED_PREFIX \"${CMAKE_INSTALL_PREFIX}\")")
 install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/install_config.cmake)
 
 # --- service and manual pages -----------------------------------------------
+# With security on, systemd hands the root-only secret key to the service's
+# transient user as a credential.
+if(VIREO_INSTALL_SECURITY)
+  set(VIREO_SERVICE_CREDENTIAL
+"# The secret key stays root's (0600): systemd passes a copy readable by the
+# service user only, in /run/credentials/vireo-monitor.service/, which
+# main.json names.
+LoadCredential=server.key:${CMAKE_INSTALL_FULL_SYSCONFDIR}/vireo-monitor/server.key")
+else()
+  set(VIREO_SERVICE_CREDENTIAL "")
+endif()
 set(VIREO_SERVICE_FILE ${CMAKE_BINARY_DIR}/packaging/vireo-monitor.service)
 configure_file(${PROJECT_SOURCE_DIR}/packaging/vireo-monitor.service.in
                ${VIREO_SERVICE_FILE} @ONLY)
-install(FILES ${VIREO_SERVICE_FILE} DESTINATION lib/systemd/system)
+set(VIREO_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING
+    "Folder of the systemd unit, relative to the prefix or absolute (Debian 12: /lib/systemd/system)")
+install(FILES ${VIREO_SERVICE_FILE} DESTINATION ${VIREO_SYSTEMD_UNIT_DIR})
 # Manual pages, compressed as Debian ships them (gzip -9n: reproducible).
 set(vireo_man_pages vireo-monitor.8)
 if(TARGET vireo-client)
@@ -105,6 +131,3 @@ configure_file(${PROJECT_SOURCE_DIR}/packaging/sdk/vireo-monitor.pc.in
                ${CMAKE_BINARY_DIR}/packaging/vireo-monitor.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/vireo-monitor.pc
         DESTINATION ${VIREO_PKGCONFIG_INSTALL_DIR})
-
-# --- Debian package ---------------------------------------------------------
-include(${CMAKE_CURRENT_LIST_DIR}/package.cmake)

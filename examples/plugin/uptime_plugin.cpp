@@ -1,7 +1,7 @@
 // Example plug-in: the system's uptime in whole seconds, as decimal text.
-// A configuration command naming it:
+// A configuration command naming it (on an arm64 board):
 //   { "name": "uptime", "id": "1", "type": "custom",
-//     "lib": "/usr/lib/vireo-monitor/plugins/libvireo_uptime.so",
+//     "lib": "/usr/lib/aarch64-linux-gnu/vireo-monitor/plugins/libvireo_uptime.so",
 //     "symbols": "uptime_seconds" }
 #include <cstdio>
 #include <ctime>

@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "journal_log.h"
 #include "monitor.h"
 
 #define LOG_TAG "VO_MONITOR"
@@ -17,6 +18,8 @@ int main(int argc, char* argv[]) {
 
     // A vanished peer must never kill the daemon.
     signal(SIGPIPE, SIG_IGN);
+    // Under systemd every line keeps its level in the journal.
+    journal_log_install();
 
     while ((opt = getopt(argc, argv, "c:")) != -1) {
         switch (opt) {

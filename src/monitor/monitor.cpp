@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 #include <pthread.h>
+#include <systemd/sd-daemon.h>
 #include <zmq.h>
 
 #include <cstring>
@@ -184,6 +185,9 @@ void monitor_helper_thread(monitor* mon) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Connect error:%d\n", ret);
         return;
     }
+    // The service manager counts the start as done only now, so a port that
+    // cannot be bound fails `systemctl start`. Nothing without NOTIFY_SOCKET.
+    sd_notify(0, "READY=1");
 
     pthread_t worker;
     for (int i = 0; i < thread_nbr; i++) {

@@ -15,25 +15,31 @@ p=$tmp/usr
 
 cmake --install "$build" --prefix "$p" >"$tmp/install.log" || fail "cmake --install"
 for f in sbin/vireo-monitor bin/vireo-client etc/vireo-monitor/main.json \
-         etc/vireo-monitor/sample/main.json include/vireo-monitor/vireo_plugin.h \
-         share/cmake/vireo-monitor/vireo-monitor-config.cmake share/pkgconfig/vireo-monitor.pc \
+         share/doc/vireo-monitor/examples/main.json include/vireo-monitor/vireo_plugin.h \
          share/man/man8/vireo-monitor.8.gz share/man/man1/vireo-client.1.gz lib/systemd/system/vireo-monitor.service; do
   [ -e "$p/$f" ] || fail "not installed: $f"
 done
+# The configuration folder holds the active configuration only.
+[ ! -e "$p/etc/vireo-monitor/sample" ] || fail "samples under etc/"
 # Installed configurations name nothing relative to the repository.
-if grep -rnE '"(config|build)/' "$p/etc/vireo-monitor"; then fail "relative path in installed configuration"; fi
+if grep -rnE '"(config|build)/' "$p/etc/vireo-monitor" "$p/share/doc/vireo-monitor/examples"; then fail "relative path in installed configuration"; fi
 grep -q "ExecStart=/.*/vireo-monitor -c /.*/main.json" "$p/lib/systemd/system/vireo-monitor.service" || fail "ExecStart"
+# The SDK sits in the library folder (lib/ or lib/<multiarch>/), with the
+# plug-in folder it names.
+pc=$(find "$p" -name vireo-monitor.pc)
+[ -n "$pc" ] && [ -f "$(dirname "$pc")/../cmake/vireo-monitor/vireo-monitor-config.cmake" ] || fail "SDK files"
+if grep -q "^Cflags:.*-fPIC" "$pc"; then fail ".pc file hands out -fPIC"; fi
 
 # The example through find_package, installed to VIREO_MONITOR_PLUGIN_DIR.
-plugdir=$p/lib/vireo-monitor/plugins
+export PKG_CONFIG_PATH=$(dirname "$pc")
+plugdir=$(realpath -m "$(pkg-config --variable=plugindir vireo-monitor)")
+[ -f "$plugdir/libvireo_probe.so" ] || fail "pc plugindir $plugdir holds no probe plug-in"
 cmake -S "$example" -B "$tmp/ex" -DCMAKE_PREFIX_PATH="$p" -DCMAKE_CXX_COMPILER="$cxx" >"$tmp/ex.log" || fail "configure example"
 cmake --build "$tmp/ex" >>"$tmp/ex.log" && cmake --install "$tmp/ex" >>"$tmp/ex.log" || { cat "$tmp/ex.log"; fail "build example"; }
 [ -f "$plugdir/libvireo_uptime.so" ] || fail "example not in $plugdir"
 # The same source through the .pc file.
-export PKG_CONFIG_PATH=$p/share/pkgconfig
-[ "$(realpath "$(pkg-config --variable=plugindir vireo-monitor)")" = "$(realpath "$plugdir")" ] || fail "pc plugindir"
 # shellcheck disable=SC2046
-"$cxx" -shared -Wall -Wextra $(pkg-config --cflags vireo-monitor) "$example/uptime_plugin.cpp" -o "$tmp/libpc.so" || fail "pkg-config build"
+"$cxx" -shared -fPIC -Wall -Wextra $(pkg-config --cflags vireo-monitor) "$example/uptime_plugin.cpp" -o "$tmp/libpc.so" || fail "pkg-config build"
 
 port=
 for _ in $(seq 100); do
