@@ -132,7 +132,7 @@ TEST(probe, threads_errors_and_stacks) {
 // Targets that exit while they are walked: every walk is answered, and no
 // target stays traced or becomes a zombie its parent cannot reap.
 TEST(probe, targets_exiting_during_walks) {
-    probe_daemon d("{}");
+    probe_daemon d(R"({"deadline-ms": 4000})");
     helper_process first;
     ASSERT_EQ(first.read_line(), "ready");
     if (d.code(STACK, pid_payload(first.pid)) == -1) GTEST_SKIP() << no_ptrace;
@@ -142,7 +142,8 @@ TEST(probe, targets_exiting_during_walks) {
             for (int i = k; i < 500; i += 4) {
                 helper_process h({"exit", std::to_string(i % 7 * 700)});
                 int32_t code = d.code(i % 2 ? SAMPLE : STACK, pid_payload(h.pid));
-                ASSERT_TRUE(code >= 0 || code == -3) << "walk " << i << ": " << code;
+                // A walk cut by its deadline on a loaded machine must leave no trace either.
+                ASSERT_TRUE(code >= 0 || code == -3 || code == -62) << "walk " << i << ": " << code;
                 ASSERT_FALSE(traced(h.pid)) << "walk " << i;
                 ASSERT_TRUE(h.reaped(5000)) << "walk " << i;
             }

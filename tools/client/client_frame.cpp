@@ -133,6 +133,11 @@ std::string status_text(int32_t code) {
             return "operation not permitted by this key";
         case -24:
             return "too many open files in the daemon's file cache";
+        // The probe plug-in's own meanings of two errno values.
+        case -62:
+            return "deadline passed: the target did not stop in time";
+        case -5:
+            return "input/output error: the stack walker died";
         default:
             break;
     }

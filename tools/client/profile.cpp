@@ -18,7 +18,7 @@ namespace {
 const char profile_usage[] =
     "usage: vireo-client profile --pid P [--tid T] [--duration S] [--rate HZ] [-o FILE]\n"
     "                            [-e tcp://HOST:PORT] [-c MAIN.json] [-t TIMEOUT_MS]\n"
-    "                            [--command CODE SUB]\n"
+    "                            [--command CODE SUB] [--server-key FILE_OR_Z85 --key FILE]\n"
     "  --pid P          the process to sample\n"
     "  --tid T          only this thread of it (default: every thread)\n"
     "  --duration S     seconds to sample (default 10)\n"
@@ -28,6 +28,8 @@ const char profile_usage[] =
     "  -c MAIN.json     the daemon's configuration: endpoint and the probe_sample command\n"
     "  -t TIMEOUT_MS    wait this long for each sample (default 3000)\n"
     "  --command CODE SUB  the sample command (default 0x30 4, or found by -c)\n"
+    "  --server-key FILE_OR_Z85, --key FILE\n"
+    "                   CURVE keys, as for a single request (or the -c file's \"client\")\n"
     "Ctrl-C ends sampling early; what was collected is still written.\n"
     "exit status: 0 written, 1 the daemon answered only errors, 2 no reply in time,\n"
     "  3 malformed reply, 64 usage error, 74 writing failed, 78 configuration unreadable,\n"
@@ -41,7 +43,7 @@ void on_interrupt(int) {
 struct profile_options {
     uint32_t pid = 0, tid = 0;
     double duration = 10, rate = 99;
-    std::string out_path, endpoint, config_path;
+    std::string out_path, endpoint, config_path, server_key, key;
     int timeout_ms = 3000;
     uint32_t code = 0x30, sub = 4;
     bool command_given = false;
@@ -78,7 +80,8 @@ int parse(int argc, char** argv, profile_options& o, std::string& why) {
             return 1;
         if (v == nullptr || (a == "--command" && i + 2 >= argc)) {
             why = a == "--pid" || a == "--tid" || a == "--duration" || a == "--rate" || a == "-o" ||
-                          a == "-e" || a == "-c" || a == "-t" || a == "--command"
+                          a == "-e" || a == "-c" || a == "-t" || a == "--command" ||
+                          a == "--server-key" || a == "--key"
                       ? a + " needs a value"
                       : "unknown option " + a;
             return -1;
@@ -110,6 +113,8 @@ int parse(int argc, char** argv, profile_options& o, std::string& why) {
             o.command_given = true;
         } else if (a == "-o" || a == "-e" || a == "-c") {
             (a == "-o" ? o.out_path : a == "-e" ? o.endpoint : o.config_path) = v;
+        } else if (a == "--server-key" || a == "--key") {
+            (a == "--key" ? o.key : o.server_key) = v;
         } else if (a != "--duration" && a != "--rate") {
             why = "unknown option " + a;
             return -1;
@@ -192,6 +197,8 @@ int run_profile(int argc, char** argv) {
                 break;
             }
         }
+        o.server_key = o.server_key.empty() ? cfg.server_key : o.server_key;
+        o.key = o.key.empty() ? cfg.key : o.key;
         if (o.endpoint.empty()) {
             bool wildcard = cfg.ip.empty() || cfg.ip == "0.0.0.0" || cfg.ip == "*";
             o.endpoint = "tcp://" + (wildcard ? std::string("127.0.0.1") : cfg.ip) + ":" +
@@ -212,7 +219,18 @@ int run_profile(int argc, char** argv) {
     if (o.tid != 0)
         u32_to_u8(o.tid, payload.data() + 4);
 
-    client_conn conn(o.endpoint, o.timeout_ms);
+    client_keys keys;
+    if (o.server_key.empty() != o.key.empty()) {
+        fprintf(stderr,
+                "vireo-client: profile: a CURVE client needs both --server-key and --key\n");
+        return 64;
+    }
+    if (!o.key.empty() && (load_server_key(o.server_key, keys.server_public, why) != 0 ||
+                           load_secret_key(o.key, keys, why) != 0)) {
+        fprintf(stderr, "vireo-client: %s\n", why.c_str());
+        return 78;
+    }
+    client_conn conn(o.endpoint, o.timeout_ms, keys);
     if (conn.open(why) != 0) {
         fprintf(stderr, "vireo-client: %s\n", why.c_str());
         return 64;
