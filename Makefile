@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap configure build test run clean bench fuzz soak package test-arm64
+.PHONY: all bootstrap configure build test run clean bench fuzz soak package test-arm64 test-board
 
 all: build
 
@@ -42,6 +42,11 @@ package: bootstrap
 # Cross build for AArch64 and the tests under qemu-user.
 test-arm64:
 	scripts/test-arm64
+
+# The arm64 packages installed and checked on an emulated board (root; the
+# first run builds the board image, cached in /var/cache/vireo-monitor/board).
+test-board: build
+	scripts/test-board
 
 clean:
 	rm -rf $(BUILD_DIR) build-*
