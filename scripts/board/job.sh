@@ -53,7 +53,7 @@ dynamic_user() {
   local pid user uid
   pid=$(main_pid)
   [ "$(systemctl show -p DynamicUser --value "$unit")" = yes ] || { echo "DynamicUser is not set"; return 1; }
-  user=$(ps -o user= -p "$pid") uid=$(ps -o uid= -p "$pid")
+  user=$(ps -o user:32= -p "$pid") uid=$(ps -o uid= -p "$pid")
   echo "pid $pid runs as $user ($uid)"
   # systemd allocates dynamic users from 61184..65519.
   [ "$user" = "$unit" ] && [ "$uid" -ge 61184 ] && [ "$uid" -le 65519 ]
