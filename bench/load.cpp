@@ -11,7 +11,9 @@
 // reply, 1 when some were lost or wrong, 2 on bad usage.
 //
 // vireo-bench-load --free-port prints a TCP port of 127.0.0.1 that was free
-// a moment ago.
+// a moment ago; --keypair prints a new CURVE key pair, "PUBLIC SECRET" in Z85.
+// With --server-key (the server's public key), --client-public and
+// --client-secret every client is a CURVE client with that key pair.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -51,6 +53,7 @@ struct options {
     long warmup = 50;  // per client, not measured
     int io_threads = 1;
     std::string label = "run";
+    std::string server_key, client_public, client_secret;  // Z85; CURVE when set
 };
 
 struct client_result {
@@ -119,6 +122,11 @@ void* open_socket(void* ctx, const options& o) {
     zmq_setsockopt(s, ZMQ_LINGER, &linger, sizeof linger);
     zmq_setsockopt(s, ZMQ_RCVTIMEO, &o.timeout_ms, sizeof o.timeout_ms);
     zmq_setsockopt(s, ZMQ_SNDTIMEO, &o.timeout_ms, sizeof o.timeout_ms);
+    if (!o.server_key.empty()) {
+        zmq_setsockopt(s, ZMQ_CURVE_SERVERKEY, o.server_key.data(), o.server_key.size());
+        zmq_setsockopt(s, ZMQ_CURVE_PUBLICKEY, o.client_public.data(), o.client_public.size());
+        zmq_setsockopt(s, ZMQ_CURVE_SECRETKEY, o.client_secret.data(), o.client_secret.size());
+    }
     if (zmq_connect(s, o.endpoint.c_str()) != 0) {
         zmq_close(s);
         return nullptr;
@@ -324,9 +332,10 @@ void usage(const char* argv0) {
             "usage: %s --endpoint tcp://127.0.0.1:PORT [--clients N] [--requests M]\n"
             "          [--pipeline K] [--command C] [--sub S] [--pid P] [--expect-len L]\n"
             "          [--timeout-ms T] [--max-seconds S] [--warmup W] [--io-threads I]\n"
-            "          [--label TEXT]\n"
-            "       %s --free-port\n",
-            argv0, argv0);
+            "          [--label TEXT] [--server-key Z85 --client-public Z85 --client-secret Z85]\n"
+            "       %s --free-port\n"
+            "       %s --keypair\n",
+            argv0, argv0, argv0);
 }
 
 // Whole-string numbers only (base 0: 0x.. is hexadecimal); false otherwise.
@@ -355,6 +364,18 @@ bool parse_args(int argc, char* argv[], options& o) {
         }
         if (key == "--label") {
             o.label = val;
+            continue;
+        }
+        if (key == "--server-key") {
+            o.server_key = val;
+            continue;
+        }
+        if (key == "--client-public") {
+            o.client_public = val;
+            continue;
+        }
+        if (key == "--client-secret") {
+            o.client_secret = val;
             continue;
         }
         if (key == "--max-seconds") {
@@ -390,7 +411,8 @@ bool parse_args(int argc, char* argv[], options& o) {
     }
     return !o.endpoint.empty() && o.clients >= 1 && o.clients <= 1024 && o.requests >= 1 &&
            o.pipeline >= 1 && o.pipeline <= 1000 && o.timeout_ms >= 1 && o.warmup >= 0 &&
-           o.max_seconds > 0 && o.io_threads >= 1;
+           o.max_seconds > 0 && o.io_threads >= 1 &&
+           (o.server_key.empty() || (o.client_public.size() == 40 && o.client_secret.size() == 40));
 }
 
 }  // namespace
@@ -402,6 +424,14 @@ int main(int argc, char* argv[]) {
             return 1;
         }
         printf("%d\n", port);
+        return 0;
+    }
+    if (argc == 2 && std::string(argv[1]) == "--keypair") {
+        char pub[41], sec[41];
+        if (zmq_curve_keypair(pub, sec) != 0) {
+            return 1;
+        }
+        printf("%s %s\n", pub, sec);
         return 0;
     }
     options o;

@@ -101,7 +101,13 @@ public:
     // always uses its descriptor. Returns the count, -1 when the read fails,
     // -2 when the file cannot be opened. A len below 1 is refused with -1
     // (errno EINVAL) before anything is opened, read or written.
-    static int read_file(const std::string& path, uint8_t* buf, int len, bool cached);
+    //
+    // read_all (opt-in per command) reads on until len - 1 bytes are in or
+    // the file ends, for files such as /proc/PID/maps that hand out about a
+    // page per read. It retries EINTR; an error after some bytes returns
+    // those bytes (errno tells what stopped it), an error before any byte -1.
+    static int read_file(const std::string& path, uint8_t* buf, int len, bool cached,
+                         bool read_all = false);
 
     // Returns the cached descriptor of path, opening and caching it if
     // needed; -2 when it cannot be opened, -24 when the map is full.

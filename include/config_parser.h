@@ -10,7 +10,13 @@
 #include <string>
 #include <unordered_map>
 
+#include "client_keys.h"
+
 class comm_data;
+
+// Command codes and ids are hexadecimal text, with or without "0x"; trailing
+// text is ignored; no digits or a value outside int32 throws "stoi".
+uint32_t hex_code(const std::string& text);
 
 // A plug-in's entry point: called on the worker thread that received the
 // request, with that worker's connection. Returns the reply payload length it
@@ -44,6 +50,9 @@ public:
     cmd_type_t type;
     std::string name;
     bool enabled;     // negation of "disable"; kept only, never consulted
+    // "read-all" of a file command: read until the reply is full or the file
+    // ends, not once. Off by default: one read, as always.
+    bool read_all = false;
 
     // A file command; a "$" anywhere in file makes it DYN_FILE_TYPE.
     mon_cmd(const std::string& mon_name, uint32_t idx, const std::string& file);
@@ -91,6 +100,16 @@ public:
     bool enabled = true;  // unused
     std::unordered_map<uint32_t, std::shared_ptr<sub_config>> subs_map;
 
+    // From the optional "security" object: the endpoint becomes a CURVE
+    // server that answers only the keys in authorized_keys_file. Without it
+    // secure is false and the rest stays empty.
+    bool secure = false;
+    std::string secret_key_file;       // "secret-key"
+    std::string authorized_keys_file;  // "authorized-keys"
+    std::string secret_key;            // the server's secret key, Z85
+    key_table keys;                    // authorized keys as loaded at start-up
+    file_stamp keys_stamp;             // the authorized-keys file they came from
+
     explicit main_config(const std::string& main_json);
 };
 
@@ -111,5 +130,7 @@ public:
 private:
     Json::Value search_key(Json::Value& root, const std::string& key);
     bool parse_main_config();
+    // Reads the key files named by "security"; logs and throws on failure.
+    void parse_security(const Json::Value& security);
     bool parse_sub_config();
 };

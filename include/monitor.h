@@ -8,6 +8,7 @@
 
 #include "config_parser.h"
 #include "server_comm.h"
+#include "zap_handler.h"
 
 // Command code of the internal client-id commands (sub-command 1 takes an
 // id, 2 returns the id in payload byte 0). Never looked up in the
@@ -24,6 +25,9 @@ public:
     std::unique_ptr<config_parser> configs;
     // Created by monitor_helper_thread.
     std::unique_ptr<server_comm> comm;
+    // With "security": the ZAP handler and the keys' rights, made by
+    // monitor_helper_thread before any worker starts; null otherwise.
+    std::unique_ptr<zap_handler> zap;
     // Client-id pool, lock-free: entry i is true while id i is handed out.
     // Entry 0 is never handed out.
     std::atomic<bool> id_map[255];
@@ -36,9 +40,10 @@ public:
     bool parse_config(const std::string& config);
     // Answers the request in every_comm's receive frame, writing the reply
     // payload into its send frame. Returns the payload length, a negative
-    // error code (-22 unknown command, -6 custom command without function,
-    // -2 file not found, or a plug-in's own code), or above 8192 when the
-    // reply was already sent by a plug-in.
+    // error code (-1 a command the client's key may not use, -22 unknown
+    // command, -6 custom command without function, -2 file not found, or a
+    // plug-in's own code), or above 8192 when the reply was already sent by
+    // a plug-in.
     int handle_request(comm_data* every_comm);
     int wait_for_connection();
     int recv_request(comm_data* every_comm);

@@ -35,6 +35,9 @@ public:
 
     // Receives one request (at most 1072 bytes stored), stamps its receive
     // time and checks its crc (a mismatch is logged, the request kept).
+    // Header and payload bytes that the request did not carry read as zero,
+    // never as an earlier request's. With key_frame set, first takes the frame the
+    // queue puts before each request (the client's key) into peer_key.
     // Returns the size ZeroMQ reported for the whole message, or -1.
     int recv_msg();
 
@@ -54,6 +57,12 @@ public:
     // The frame's time stamp in microseconds (wrapping arithmetic).
     uint64_t get_send_time_us();
     uint64_t get_recv_time_us();
+
+    // Behind a CURVE endpoint every request arrives after a frame holding the
+    // client's key (see server_comm::queue_with_user_id). Set before the
+    // first receive; added last so plug-ins built earlier see the same layout.
+    bool key_frame = false;
+    std::string peer_key;  // Z85 key of the current request's client
 };
 
 // The endpoint: a ZMQ_ROUTER socket on tcp://ip:port facing the clients, a
@@ -70,12 +79,28 @@ private:
     std::mutex comm_list_lock;  // five workers register at the same moment
 
 public:
+    // The server's CURVE secret key (Z85); empty for a plaintext endpoint.
+    // A CURVE endpoint needs its ZAP handler bound in the context first, so
+    // the caller creates the context (set_context) before listen_connect.
+    std::string curve_secret;
+
     server_comm(std::string ip_addr, int port);
 
-    // Creates the context and both sockets and binds them. Returns 0, or -1
-    // (context), -2 (router socket), -3 (TCP bind, also for a port outside
-    // 0..65535), -4 (dealer socket). What was made before a failure stays.
+    // Creates the context (unless one was set) and both sockets and binds
+    // them. The router socket always refuses messages above 64 KiB, closes
+    // connections that have not finished their handshake in 10 s and drops
+    // peers silent to heartbeats for 30 s; with curve_secret it is a CURVE
+    // server. Returns 0, or -1 (context), -2 (router socket or one of its
+    // options), -3 (TCP bind, also for a port outside 0..65535), -4 (dealer
+    // socket). What was made before a failure stays.
     int listen_connect();
+
+    // The queue between router and dealer, as zmq_device(ZMQ_QUEUE) but each
+    // request reaches the workers after one more frame: the ZAP user id of
+    // the connection it came on. (Message properties do not survive a
+    // device: ZeroMQ drops them when a message is sent on.) Returns -1 when
+    // the context ends.
+    int queue_with_user_id();
 
     // Makes the connection of a worker's socket and records it.
     comm_data* create_comm(void* socket);

@@ -10,7 +10,28 @@ std::mutex file_cache::fds_lock;
 
 fd_cache::fd_cache(int fd) : fd(fd) {}
 
-int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool cached) {
+namespace {
+// Reads until want bytes are in, the file ends or an error other than EINTR.
+// Bytes already read are the result even when an error stops the loop: they
+// are the file's content, just shorter, as a short single read would be.
+ssize_t read_to_end(int fd, uint8_t* buf, size_t want) {
+    size_t got = 0;
+    while (got < want) {
+        ssize_t n = read(fd, buf + got, want - got);
+        if (n > 0) {
+            got += static_cast<size_t>(n);
+        } else if (n == 0) {
+            break;
+        } else if (errno != EINTR) {
+            return got > 0 ? static_cast<ssize_t>(got) : -1;
+        }
+    }
+    return static_cast<ssize_t>(got);
+}
+}  // namespace
+
+int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool cached,
+                          bool read_all) {
     if (len < 1) {
         errno = EINVAL;
         return -1;
@@ -45,7 +66,8 @@ int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool c
         }
     }
 
-    ssize_t count = read(fd, buf, static_cast<size_t>(len) - 1);
+    ssize_t count = read_all ? read_to_end(fd, buf, static_cast<size_t>(len) - 1)
+                             : read(fd, buf, static_cast<size_t>(len) - 1);
     if (entry) {
         entry_lock.unlock();
     } else {

@@ -7,13 +7,9 @@
 
 #define LOG_TAG "MONITOR_CONFIG"
 
-namespace {
-// Command codes and ids are hexadecimal text, with or without "0x"; trailing
-// text is ignored; no digits or a value outside int32 throws "stoi".
 uint32_t hex_code(const std::string& text) {
     return static_cast<uint32_t>(std::stoi(text, nullptr, 16));
 }
-}  // namespace
 
 json_config::json_config(const std::string& json) {
     Json::CharReaderBuilder builder;
@@ -79,12 +75,43 @@ bool config_parser::parse_main_config() {
             // The first group with a code wins.
             mconfig->subs_map.emplace(code, sc);
         }
+        if (mconfig->root.isMember("security")) {
+            parse_security(mconfig->root["security"]);
+        }
         return true;
     } catch (const std::exception& e) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Exception caught: %s in %s\n", e.what(),
                             main_file.c_str());
         return false;
     }
+}
+
+void config_parser::parse_security(const Json::Value& security) {
+    Json::Value sec = security;
+    main_config& mc = *mconfig;
+    mc.secret_key_file = search_key(sec, "secret-key").asString();
+    mc.authorized_keys_file = search_key(sec, "authorized-keys").asString();
+    std::string error;
+    if (read_key_file(mc.secret_key_file, mc.secret_key, error) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Secret key %s: %s\n",
+                            mc.secret_key_file.c_str(), error.c_str());
+        throw std::runtime_error("secret key");
+    }
+    struct stat st;
+    if (stat(mc.secret_key_file.c_str(), &st) == 0 && (st.st_mode & 077) != 0) {
+        __android_log_print(ANDROID_LOG_WARN, LOG_TAG,
+                            "Secret key %s can be read by other users: chmod 600 it\n",
+                            mc.secret_key_file.c_str());
+    }
+    // Stamped before reading: an edit in between is picked up by the first
+    // reload.
+    mc.keys_stamp = file_stamp::of(mc.authorized_keys_file);
+    if (load_authorized_keys(mc.authorized_keys_file, mc.keys, error) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Authorized keys %s: %s\n",
+                            mc.authorized_keys_file.c_str(), error.c_str());
+        throw std::runtime_error("authorized keys");
+    }
+    mc.secure = true;
 }
 
 bool config_parser::parse_sub_config() {
@@ -100,6 +127,9 @@ bool config_parser::parse_sub_config() {
                 if (search_key(element, "type").asString() == "file") {
                     std::string file = search_key(element, "file").asString();
                     mn = std::make_shared<mon_cmd>(name, id, file);
+                    if (element.isMember("read-all")) {
+                        mn->read_all = element["read-all"].asBool();
+                    }
                 } else if (search_key(element, "type").asString() == "custom") {
                     std::string lib = search_key(element, "lib").asString();
                     std::string sym = search_key(element, "symbols").asString();

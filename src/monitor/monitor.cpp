@@ -17,6 +17,7 @@ monitor::monitor() {
 
 monitor::~monitor() {
     // The endpoint goes before the configuration it was built from.
+    zap.reset();
     comm.reset();
     configs.reset();
 }
@@ -49,6 +50,16 @@ int monitor::handle_request(comm_data* every_comm) {
     uint8_t* reply = every_comm->get_send_data()->msg;
     uint32_t command = static_cast<uint32_t>(req->command);
     uint32_t sub_command = static_cast<uint32_t>(req->sub_command);
+
+    if (zap != nullptr) {
+        std::string name;
+        if (!zap->allows(every_comm->peer_key, command, name)) {
+            __android_log_print(
+                ANDROID_LOG_ERROR, LOG_TAG, "Key %s (%s) may not use command 0x%x\n",
+                key_fingerprint(every_comm->peer_key).c_str(), name.c_str(), command);
+            return -1;
+        }
+    }
 
     if (command == INTERNAL_CMD) {
         switch (req->sub_command) {
@@ -92,10 +103,11 @@ int monitor::handle_request(comm_data* every_comm) {
             // The path ends at its first zero character; copy only when one is
             // embedded, so the common case allocates nothing.
             if (strlen(path.c_str()) == path.size()) {
-                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true);
+                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true,
+                                            cmd->read_all);
             } else {
                 ret = file_cache::read_file(std::string(path.c_str()), reply,
-                                            every_comm->max_send_len, true);
+                                            every_comm->max_send_len, true, cmd->read_all);
             }
             break;
         }
@@ -107,7 +119,8 @@ int monitor::handle_request(comm_data* every_comm) {
                 pid_file.replace(found, 4, std::to_string(pid));
             }
             // Per-process paths are many and short-lived: never cached.
-            ret = file_cache::read_file(pid_file, reply, every_comm->max_send_len, false);
+            ret = file_cache::read_file(pid_file, reply, every_comm->max_send_len, false,
+                                        cmd->read_all);
             break;
         }
         case CUSTOM_TYPE:
@@ -139,11 +152,33 @@ int monitor::ack_request(int len, comm_data* every_comm) {
     return 0;
 }
 
+namespace {
+// The ZAP handler must be bound in the context before the CURVE socket is.
+int start_security(monitor* mon, const main_config& mc) {
+    void* context = zmq_ctx_new();
+    mon->comm->set_context(context);
+    mon->comm->curve_secret = mc.secret_key;
+    mon->zap = std::make_unique<zap_handler>(mc.authorized_keys_file, mc.keys, mc.keys_stamp);
+    if (context == nullptr || mon->zap->start(context) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Connect error:%d\n", -1);
+        return -1;
+    }
+    char server_public[z85_key_len + 1];
+    zmq_curve_public(server_public, mc.secret_key.c_str());
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "CURVE server key %s, %zu client keys\n",
+                        key_fingerprint(server_public).c_str(), mc.keys.size());
+    return 0;
+}
+}  // namespace
+
 void monitor_helper_thread(monitor* mon) {
     const main_config& mc = *mon->configs->mconfig;
     mon->comm = std::make_unique<server_comm>(mc.ip, mc.port);
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "vireo-monitor listening %s:%d",
                         mc.ip.c_str(), mc.port);
+    if (mc.secure && start_security(mon, mc) != 0) {
+        return;
+    }
     int ret = mon->wait_for_connection();
     if (ret < 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Connect error:%d\n", ret);
@@ -154,7 +189,11 @@ void monitor_helper_thread(monitor* mon) {
     for (int i = 0; i < thread_nbr; i++) {
         pthread_create(&worker, nullptr, worker_routine, mon);
     }
-    zmq_device(ZMQ_QUEUE, mon->comm->get_socket(), mon->comm->get_workers());
+    if (mon->zap != nullptr) {
+        mon->comm->queue_with_user_id();
+    } else {
+        zmq_device(ZMQ_QUEUE, mon->comm->get_socket(), mon->comm->get_workers());
+    }
     mon->comm->close_connect();
 }
 
@@ -162,6 +201,7 @@ void* worker_routine(void* mon_void) {
     monitor* mon = static_cast<monitor*>(mon_void);
     void* receiver = zmq_socket(mon->comm->get_context(), ZMQ_REP);
     comm_data* every_comm = mon->comm->create_comm(receiver);
+    every_comm->key_frame = mon->zap != nullptr;
     zmq_connect(receiver, "inproc://workers");
 
     while (true) {

@@ -33,11 +33,35 @@ comm_data::~comm_data() {
 }
 
 int comm_data::recv_msg() {
-    int n = zmq_recv(socket, recv_data, max_recv_len + 48, 0);
+    int n = 0;
+    bool body = true;
+    if (key_frame) {
+        zmq_msg_t key;
+        zmq_msg_init(&key);
+        n = zmq_msg_recv(&key, socket, 0);
+        if (n != -1) {
+            peer_key.assign(static_cast<const char*>(zmq_msg_data(&key)), zmq_msg_size(&key));
+            // A client that sent no frame at all: answered as an empty one.
+            body = zmq_msg_more(&key) != 0;
+            n = 0;
+        }
+        zmq_msg_close(&key);
+    }
+    if (n != -1 && body) {
+        n = zmq_recv(socket, recv_data, static_cast<size_t>(max_recv_len + 48), 0);
+    }
     if (n == -1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_recv error, %s\n",
                             zmq_strerror(errno));
         return -1;
+    }
+    // What this request did not carry must not be read from the previous
+    // one: a short or empty frame leaves zeros in the header and payload,
+    // not another client's request. (The 4 trailing alignment bytes mean
+    // nothing and are never read.)
+    const int meaningful = max_recv_len + 44;
+    if (n < meaningful) {
+        memset(reinterpret_cast<uint8_t*>(recv_data) + n, 0, static_cast<size_t>(meaningful - n));
     }
     gettimeofday(&recv_data->time, nullptr);
 

@@ -1,39 +1,16 @@
 // The real vireo-client binary against the real daemon and against a fake
 // server that answers with hand-made frames.
-#include <gtest/gtest.h>
 #include <json/json.h>
-#include <sys/wait.h>
 #include <zmq.h>
 
 #include <cstring>
 #include <sstream>
 #include <thread>
 
-#include "test_util.h"
+#include "client_run.h"
 
 namespace {
 using std::string;
-
-struct run_result { int status; string out, err; };
-
-// Runs vireo-client with args (split by the shell) in the source tree, where
-// the sample configuration's relative paths hold; killed after 20 s.
-run_result run_client(const string& args) {
-    temp_dir io;
-    string out = io.path() + "/out", err = io.path() + "/err";
-    string emulator;  // the cross build's qemu-user, empty natively
-    for (const string& w : emulator_prefix()) emulator += w + " ";
-    int st = system(("cd " VIREO_SOURCE_DIR " && timeout -s KILL 20 " + emulator + VIREO_CLIENT_BIN " " + args + " >" + out + " 2>" + err).c_str());
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, read_text_file(out), read_text_file(err)};
-}
-
-// Checks the exit status, the exact stdout and a piece of stderr.
-void expect_run(const string& args, int status, const string& out, const string& err_has) {
-    run_result got = run_client(args);
-    EXPECT_EQ(got.status, status) << args << "\n" << got.err;
-    EXPECT_EQ(got.out, out) << args;
-    EXPECT_NE(got.err.find(err_has), string::npos) << args << "\n" << got.err;
-}
 
 // The daemon on a free port with one group, code 0x10, of every kind of
 // command. Rows run in order (client ids 1, 2): requests by number and by
@@ -59,24 +36,24 @@ TEST(client_e2e, against_the_daemon) {
                                                   R"(, "sub-configs": [{"class": "demo", "code": "10", "config": ")" + sub + R"("}]})");
     daemon_process daemon({"-c", main_json});
     ASSERT_TRUE(daemon.wait_ready(ep)) << daemon.stderr_text();
-    const string e = "-e " + ep + " ", c = "-c " + main_json + " ", silent = "tcp://127.0.0.1:" + std::to_string(free_port());
+    const string e = "-e " + ep + " ", c = "-c " + main_json + " ";
     struct row { string args; int status; string out, err_has; } rows[] = {
         {e + "0x10 1", 0, "hello vireo\n", ""},
         {c + "demo.data", 0, "hello vireo\n", ""},
-        {c + "demo.bypid --pid 4242", 0, "pid 4242\n", ""},
+        {c + "demo.bypid --pid=4242", 0, "pid 4242\n", ""},
         {e + "10 3 --hex 92100000", 0, "pid 4242\n", ""},
         {e + "take-id", 0, "1\n", ""},
         {e + "take-id", 0, "2\n", ""},
         {e + "return-id 1", 0, "", ""},
         {e + "take-id", 0, "1\n", ""},
         {c + "--watch 0.05 --count 3 demo.data", 0, "hello vireo\nhello vireo\nhello vireo\n", ""},
-        {e + "0x12 1", 1, "", "0x12 1: unknown command or sub-command (-22)"},
-        {c + "demo.missing", 1, "", "file could not be opened (-2)"},
-        {c + "demo.nofn", 1, "", "custom command without function (-6)"},
-        {"-t 300 -e " + silent + " 10 1", 2, "", "no reply from " + silent + " within 300 ms"},
-        {e, 64, "", "no request given\nusage: vireo-client"},
+        {e + "0x12 1", 1, "", "0x12 1: error -22 (unknown command or sub-command)"},
+        {c + "demo.missing", 1, "", "error -2 (file could not be opened)"},
+        {c + "demo.nofn", 1, "", "error -6 (custom command without function)"},
+        {e, 64, "", "vireo-client: no request given\n"},
         {e + "0x10 1zz", 64, "", "CODE and SUB are hexadecimal"},
-        {c + "demo.odd", 64, "", "no command named demo.odd"},
+        {c + "demo.odd", 64, "", "no command named demo.odd in " + main_json + "\n"},
+        {c + "demo.dat", 64, "", "no command named demo.dat in " + main_json + " (did you mean demo.data?)\n"},
         {e + "10 3 --pid 1 --byte 2", 64, "", "exclude each other"},
         {"-c " + d + "/absent.json demo.data", 78, "", "cannot open"},
         {c + "--list", 0, "NAME                     CODE       ID         KIND      TARGET\n"
@@ -87,6 +64,8 @@ TEST(client_e2e, against_the_daemon) {
                           "demo.bin                 0x10       0xa        file      " + d + "/bin.dat\n", ""},
     };
     for (const row& r : rows) expect_run(r.args, r.status, r.out, r.err_has);
+    run_result stopped = run_client("--watch 0.05 " + e + "0x10 1", "timeout --preserve-status -s INT 1");
+    EXPECT_TRUE(stopped.status == 130 && stopped.out.find("hello vireo\nhello vireo\n") == 0) << stopped.status << stopped.out;
     for (auto [req, status, want] : {std::tuple{"demo.data", 0, "16 12 time text ok hello vireo\n"}, {"demo.bin", 0, "16 4 time base64 ok //4AAQ=="},
                                      {"10 6", 1, "16 -22 null text unknown command or sub-command "}}) {
         run_result got = run_client(c + "--json " + req);
@@ -99,12 +78,14 @@ TEST(client_e2e, against_the_daemon) {
     }
 }
 
-// --list on the shipped sample configuration, run from the source tree.
+// --list, as text and as JSON, on the shipped sample configuration, run from
+// the source tree.
 TEST(client_e2e, lists_the_sample) {
-    run_result sample = run_client("-c config/sample/main.json --list");
-    EXPECT_EQ(sample.status, 0) << sample.err;
-    EXPECT_TRUE(sample.out.find("system.meminfo           0x10       0x1        file      /proc/meminfo\n") != string::npos &&
-                sample.out.find(" custom ") != string::npos) << sample.out;
+    for (auto [opt, want] : {std::pair{"", "system.meminfo           0x10       0x1        file      /proc/meminfo\n"},
+                             {" --json", R"({"code":16,"id":1,"kind":"file","name":"system.meminfo","target":"/proc/meminfo"})"}}) {
+        run_result got = run_client("-c config/sample/main.json --list" + string(opt));
+        EXPECT_TRUE(got.status == 0 && got.out.find(want) != string::npos) << got.err << got.out;
+    }
 }
 
 // Reply validation: short, cut and inconsistent frames exit 3 saying what
@@ -116,9 +97,10 @@ TEST(client_fake_server, validates_hand_made_replies) {
     struct row { std::vector<part> parts; int status; string out, err_has; } rows[] = {
         {{{5, 53, {0, 0}, 0}}, 0, "xxxxx", ""},
         {{{5, 52, {0, 0}, 0}}, 3, "", "reply of 52 bytes is shorter than the 53 bytes that a msg_len of 5 takes"},
-        {{{-22, 26, {0, 0}, 0}}, 1, "", "(-22)"},
+        {{{-22, 26, {0, 0}, 0}}, 1, "", "error -22 ("},
         {{{-22, 25, {0, 0}, 0}}, 3, "", "shorter than the 26 bytes that a status of -22 takes"},
-        {{{-100, 12, {0, 0}, 0}}, 1, "", "error -100 (-100)"},
+        {{{-3, 45, {0, 0}, 0}}, 1, "", "error -3 (No such process)"},
+        {{{-5000, 12, {0, 0}, 0}}, 1, "", "error -5000 (unknown error)"},
         {{{0, 11, {0, 0}, 0}}, 3, "", "reply of 11 bytes is shorter than the 12-byte header prefix"},
         {{{0, 48, {0, 0}, 1}}, 3, "", "answers command 0x11 sub-command 0x2, not the request's 0x10 0x2"},
         {{{8200, 8240, {2, 1}, 0}, {8200, 8240, {2, 2}, 0}}, 0, string(8200, 'x'), ""},

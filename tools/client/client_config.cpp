@@ -72,6 +72,26 @@ void read_group(const std::string& cls, uint32_t code, const Json::Value& root,
     }
 }
 
+// The optional "client" object, which only the client reads.
+void read_client_keys(const Json::Value& root, const std::string& path, client_config& out) {
+    if (!root.isObject() || !root.isMember("client")) {
+        return;
+    }
+    const Json::Value& c = root["client"];
+    if (!c.isObject()) {
+        throw std::runtime_error("\"client\" is not an object in " + path);
+    }
+    for (auto [key, dest] : {std::pair{"server-key", &out.server_key}, {"key", &out.key}}) {
+        if (c.isMember(key)) {
+            if (!c[key].isString()) {
+                throw std::runtime_error("\"client\": \"" + std::string(key) +
+                                         "\" is not a string in " + path);
+            }
+            *dest = c[key].asString();
+        }
+    }
+}
+
 }  // namespace
 
 uint32_t config_hex(const std::string& text) {
@@ -84,6 +104,7 @@ int load_client_config(const std::string& main_path, client_config& out, std::st
         Json::Value root = parse_file(main_path);
         out.ip = need(root, "server_ip", main_path).asString();
         out.port = need(root, "port", main_path).asInt();
+        read_client_keys(root, main_path, out);
         const Json::Value& subs = need(root, "sub-configs", main_path);
         std::set<uint32_t> codes;
         for (Json::ArrayIndex i = 0; i < subs.size(); i++) {

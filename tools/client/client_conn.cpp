@@ -1,7 +1,15 @@
-// One request/reply connection to the daemon.
+// One request/reply connection to the daemon, watched by a socket monitor.
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <zmq.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstring>
 
 #include "vireo_client.h"
 
@@ -9,10 +17,115 @@ namespace {
 
 // A reply of more parts than this is not the daemon's (8 MiB of packets).
 constexpr size_t max_parts = 1024;
+// How long one wait for the socket lasts before the stop flag is looked at.
+constexpr int poll_slice_ms = 100;
+// The most the closing connect() of a failed connection may take.
+constexpr int diagnose_ms = 1000;
+
+constexpr int watched_events =
+    ZMQ_EVENT_CONNECTED | ZMQ_EVENT_CLOSED | ZMQ_EVENT_CONNECT_RETRIED | ZMQ_EVENT_DISCONNECTED |
+    ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL |
+    ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH;
+
+// host and port of "tcp://HOST:PORT" (or "tcp://SOURCE;HOST:PORT", HOST
+// perhaps "[v6]"); false for other transports.
+bool split_tcp(const std::string& endpoint, std::string& host, std::string& port) {
+    if (endpoint.compare(0, 6, "tcp://") != 0) {
+        return false;
+    }
+    std::string rest = endpoint.substr(6);
+    if (size_t semi = rest.find(';'); semi != std::string::npos) {
+        rest = rest.substr(semi + 1);
+    }
+    size_t colon = rest.rfind(':');
+    if (colon == std::string::npos) {
+        return false;
+    }
+    host = rest.substr(0, colon);
+    port = rest.substr(colon + 1);
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    return true;
+}
+
+// Why a TCP connection to endpoint fails, found with one connect() of our
+// own that waits at most wait_ms: the name lookup's error, or the errno.
+std::string diagnose_connect(const std::string& endpoint, int wait_ms) {
+    std::string host, port;
+    if (!split_tcp(endpoint, host, port)) {
+        return "cannot connect to " + endpoint;
+    }
+    const std::string where = host + ":" + port;
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (int rc = getaddrinfo(host.c_str(), port.c_str(), &hints, &res); rc != 0) {
+        return "unknown host " + host + " (" + gai_strerror(rc) + ")";
+    }
+    int err = ETIMEDOUT;
+    int fd = socket(res->ai_family, res->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        err = errno;
+    } else if (connect(fd, res->ai_addr, res->ai_addrlen) == 0) {
+        err = 0;
+    } else if (errno != EINPROGRESS) {
+        err = errno;
+    } else {
+        pollfd p{fd, POLLOUT, 0};
+        socklen_t len = sizeof err;
+        if (poll(&p, 1, wait_ms) == 1) {
+            getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
+        }
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+    freeaddrinfo(res);
+    switch (err) {
+        case ECONNREFUSED:
+            return "connection refused by " + where;
+        case EHOSTUNREACH:
+        case ENETUNREACH:
+        case EADDRNOTAVAIL:
+            return "host " + host + " unreachable (" + strerror(err) + ")";
+        case 0:
+            return "connection to " + where + " failed, but it accepts connections now";
+        default:
+            return "cannot connect to " + where + " (" + strerror(err) + ")";
+    }
+}
+
+std::string hex(uint32_t v) {
+    char buf[16];
+    snprintf(buf, sizeof buf, "0x%x", v);
+    return buf;
+}
+
+// The reason for a handshake failed on a protocol error.
+std::string protocol_reason(uint32_t code, bool curve) {
+    switch (code) {
+        case ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH:
+            return curve ? "security mismatch: the server does not use CURVE"
+                         : "security mismatch: the server uses CURVE (give --server-key and --key)";
+        case ZMQ_PROTOCOL_ERROR_ZMTP_CRYPTOGRAPHIC:
+        case ZMQ_PROTOCOL_ERROR_ZMTP_KEY_EXCHANGE:
+            return "wrong server key";
+        default:
+            return "protocol error " + hex(code);
+    }
+}
+
+int ms_left(std::chrono::steady_clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
 
 }  // namespace
 
-client_conn::client_conn(const std::string& ep, int timeout) : endpoint(ep), timeout_ms(timeout) {}
+client_conn::client_conn(const std::string& ep, int timeout, const client_keys& k)
+    : endpoint(ep), timeout_ms(timeout), keys(k) {}
 
 client_conn::~client_conn() {
     close_socket();
@@ -23,9 +136,15 @@ client_conn::~client_conn() {
 
 void client_conn::close_socket() {
     if (sock != nullptr) {
+        zmq_socket_monitor(sock, nullptr, 0);
         zmq_close(sock);
         sock = nullptr;
     }
+    if (monitor != nullptr) {
+        zmq_close(monitor);
+        monitor = nullptr;
+    }
+    watch = watch_state{};
 }
 
 int client_conn::open(std::string& why) {
@@ -44,8 +163,27 @@ int client_conn::open(std::string& why) {
     // Linger 0: an unanswered request must not hold the process at exit.
     int linger = 0;
     zmq_setsockopt(sock, ZMQ_LINGER, &linger, sizeof linger);
-    zmq_setsockopt(sock, ZMQ_RCVTIMEO, &timeout_ms, sizeof timeout_ms);
     zmq_setsockopt(sock, ZMQ_SNDTIMEO, &timeout_ms, sizeof timeout_ms);
+    if (keys.curve() &&
+        (zmq_setsockopt(sock, ZMQ_CURVE_SERVERKEY, keys.server_public.data(), 40) != 0 ||
+         zmq_setsockopt(sock, ZMQ_CURVE_PUBLICKEY, keys.public_key.data(), 40) != 0 ||
+         zmq_setsockopt(sock, ZMQ_CURVE_SECRETKEY, keys.secret_key.data(), 40) != 0)) {
+        why = std::string("CURVE keys refused: ") + zmq_strerror(errno);
+        close_socket();
+        return client_bad_input;
+    }
+    // The monitor's PAIR is connected before the socket is, so that no event
+    // of the first attempt is lost. Each socket gets its own address.
+    static std::atomic<unsigned> seq{0};
+    std::string addr = "inproc://vireo-client-monitor-" + std::to_string(seq++);
+    if (zmq_socket_monitor(sock, addr.c_str(), watched_events) != 0 ||
+        (monitor = zmq_socket(ctx, ZMQ_PAIR)) == nullptr ||
+        zmq_setsockopt(monitor, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
+        zmq_connect(monitor, addr.c_str()) != 0) {
+        why = std::string("socket monitor: ") + zmq_strerror(errno);
+        close_socket();
+        return client_comm_error;
+    }
     if (zmq_connect(sock, endpoint.c_str()) != 0) {
         why = "cannot connect to " + endpoint + ": " + zmq_strerror(errno);
         close_socket();
@@ -56,25 +194,132 @@ int client_conn::open(std::string& why) {
 
 int client_conn::fail(const char* call, int err, std::string& why) {
     close_socket();
-    if (err == EAGAIN) {
-        why = "no reply from " + endpoint + " within " + std::to_string(timeout_ms) + " ms";
-        return client_timeout;
-    }
     why = std::string(call) + ": " + zmq_strerror(err);
     return client_comm_error;
 }
 
+int client_conn::give_up(int wait_left_ms, std::string& why) {
+    failure last = watch.last;
+    close_socket();
+    if (last == failure::handshake_closed) {
+        why = "handshake with " + endpoint + " failed: the server closed the connection (" +
+              (keys.curve() ? "wrong server key, or the server does not use CURVE)"
+                            : "security mismatch: the server may use CURVE; give --server-key "
+                              "and --key)");
+        return client_handshake;
+    }
+    // At the timeout, the closing connect() still gets a short while.
+    why =
+        diagnose_connect(endpoint, std::min(std::max(wait_left_ms, diagnose_ms / 10), diagnose_ms));
+    return client_refused;
+}
+
+int client_conn::read_events(int wait_left_ms, std::string& why) {
+    for (;;) {
+        zmq_msg_t head, addr;
+        zmq_msg_init(&head);
+        if (zmq_msg_recv(&head, monitor, ZMQ_DONTWAIT) == -1) {
+            zmq_msg_close(&head);
+            return 0;
+        }
+        uint16_t event = 0;
+        uint32_t value = 0;
+        if (zmq_msg_size(&head) >= 6) {
+            memcpy(&event, zmq_msg_data(&head), 2);
+            memcpy(&value, static_cast<uint8_t*>(zmq_msg_data(&head)) + 2, 4);
+        }
+        zmq_msg_close(&head);
+        zmq_msg_init(&addr);  // the second part names the endpoint
+        zmq_msg_recv(&addr, monitor, ZMQ_DONTWAIT);
+        zmq_msg_close(&addr);
+
+        auto count_failure = [&](failure f) {
+            if (!watch.counted) {
+                watch.failed++;
+                watch.counted = true;
+            }
+            watch.last = f;
+        };
+        switch (event) {
+            case ZMQ_EVENT_CONNECTED:
+                watch.connected = true;
+                break;
+            case ZMQ_EVENT_CLOSED:
+                watch.closed = true;
+                break;
+            case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
+                watch = watch_state{};
+                watch.connected = true;
+                break;
+            case ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL:
+                count_failure(failure::handshake_closed);
+                break;
+            case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:
+                close_socket();
+                why = (keys.curve() ? "key not accepted by " : "authentication refused by ") +
+                      endpoint + " (status " + std::to_string(value) + ")";
+                return client_handshake;
+            case ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL:
+                close_socket();
+                why = "handshake with " + endpoint +
+                      " failed: " + protocol_reason(value, keys.curve());
+                return client_handshake;
+            case ZMQ_EVENT_CONNECT_RETRIED:
+                // The end of an attempt: one that never made a TCP connection
+                // either had no address (no socket was closed) or was refused.
+                if (!watch.connected) {
+                    count_failure(watch.closed ? failure::no_connection : failure::no_address);
+                }
+                watch.closed = watch.connected = watch.counted = false;
+                break;
+            default:
+                break;
+        }
+        if (watch.failed >= max_failed_attempts) {
+            return give_up(wait_left_ms, why);
+        }
+    }
+}
+
 int client_conn::request(uint32_t command, uint32_t sub_command,
-                         const std::vector<uint8_t>& payload, client_reply& out,
-                         std::string& why) {
+                         const std::vector<uint8_t>& payload, client_reply& out, std::string& why) {
     if (int rc = open(why); rc != 0) {
         return rc;
     }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     std::vector<uint8_t> frame = pack_request(command, sub_command, payload);
     if (zmq_send(sock, frame.data(), frame.size(), 0) == -1) {
         return fail("zmq_send", errno, why);
     }
+    for (;;) {
+        if (stop != nullptr && *stop != 0) {
+            close_socket();
+            why = "interrupted";
+            return client_interrupted;
+        }
+        int left = ms_left(deadline);
+        if (int rc = read_events(left, why); rc != 0) {
+            return rc;
+        }
+        if (left == 0) {
+            if (watch.failed > 0) {
+                return give_up(0, why);
+            }
+            close_socket();
+            why = "no reply from " + endpoint + " within " + std::to_string(timeout_ms) + " ms";
+            return client_timeout;
+        }
+        zmq_pollitem_t items[] = {{sock, 0, ZMQ_POLLIN, 0}, {monitor, 0, ZMQ_POLLIN, 0}};
+        int n = zmq_poll(items, 2, std::min(left, poll_slice_ms));
+        if (n == -1 && errno != EINTR) {
+            return fail("zmq_poll", errno, why);
+        }
+        if (n > 0 && (items[0].revents & ZMQ_POLLIN) != 0) {
+            break;
+        }
+    }
 
+    // The whole message has arrived: its parts are read without waiting.
     std::vector<std::vector<uint8_t>> parts;
     int more = 1;
     while (more != 0) {
@@ -86,7 +331,7 @@ int client_conn::request(uint32_t command, uint32_t sub_command,
         }
         zmq_msg_t msg;
         zmq_msg_init(&msg);
-        if (zmq_msg_recv(&msg, sock, 0) == -1) {
+        if (zmq_msg_recv(&msg, sock, ZMQ_DONTWAIT) == -1) {
             int err = errno;
             zmq_msg_close(&msg);
             return fail("zmq_msg_recv", err, why);

@@ -17,7 +17,9 @@ std::string hex(uint32_t v) {
     return buf;
 }
 
-std::string n_bytes(size_t n) { return std::to_string(n) + (n == 1 ? " byte" : " bytes"); }
+std::string n_bytes(size_t n) {
+    return std::to_string(n) + (n == 1 ? " byte" : " bytes");
+}
 
 // Header fields of one part, and the checks every part must pass.
 int read_header(const std::vector<uint8_t>& part, const std::string& what, uint32_t command,
@@ -64,7 +66,8 @@ int parse_packets(const std::vector<std::vector<uint8_t>>& parts, uint32_t comma
                   std::to_string(h.cur_packet) + " of " + std::to_string(h.sum_packet);
             return client_malformed;
         }
-        size_t share = static_cast<size_t>(std::min<int64_t>(cap, len - static_cast<int64_t>(i) * cap));
+        size_t share =
+            static_cast<size_t>(std::min<int64_t>(cap, len - static_cast<int64_t>(i) * cap));
         out.payload.append(reinterpret_cast<const char*>(parts[i].data() + header_len), share);
     }
     return 0;
@@ -93,7 +96,8 @@ int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command
     }
     const std::vector<uint8_t>& first = parts[0];
     out.frame_len = first.size();
-    const std::string what = parts.size() == 1 ? "reply" : "packet 1 of " + std::to_string(parts.size());
+    const std::string what =
+        parts.size() == 1 ? "reply" : "packet 1 of " + std::to_string(parts.size());
     if (int rc = read_header(first, what, command, sub_command, out.header(), why); rc != 0) {
         return rc;
     }
@@ -105,9 +109,9 @@ int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command
     // but never below the prefix that holds it.
     const int64_t need = std::max<int64_t>(static_cast<int64_t>(prefix_len), len + 48);
     if (static_cast<int64_t>(first.size()) < need) {
-        why = "reply of " + n_bytes(first.size()) + " is shorter than the " +
-              std::to_string(need) + " bytes that " +
-              (len < 0 ? "a status of " : "a msg_len of ") + std::to_string(len) + " takes";
+        why = "reply of " + n_bytes(first.size()) + " is shorter than the " + std::to_string(need) +
+              " bytes that " + (len < 0 ? "a status of " : "a msg_len of ") + std::to_string(len) +
+              " takes";
         return client_malformed;
     }
     if (len > 0) {
@@ -125,7 +129,19 @@ std::string status_text(int32_t code) {
             return "custom command without function";
         case -2:
             return "file could not be opened";
+        case -1:
+            return "operation not permitted by this key";
+        case -24:
+            return "too many open files in the daemon's file cache";
         default:
-            return "error " + std::to_string(code);
+            break;
     }
+    // Plug-ins answer a negated errno.
+    if (code < 0 && code > -4096) {
+        const char* text = strerrordesc_np(-code);
+        if (text != nullptr) {
+            return text;
+        }
+    }
+    return "unknown error";
 }

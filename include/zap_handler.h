@@ -1,0 +1,52 @@
+// The ZAP handler of a CURVE endpoint: decides at each handshake whether a
+// client key is accepted, and holds the live table of accepted keys that the
+// workers check every request against.
+#pragma once
+
+#include <atomic>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "client_keys.h"
+
+class zap_handler {
+public:
+    std::string keys_file;  // the authorized-keys file, reloaded when it changes
+
+    // Starts from the keys loaded with the configuration and the stamp of
+    // the file they were read from.
+    zap_handler(std::string keys_file, const key_table& keys, const file_stamp& stamp);
+    // Stops the thread (within a second) and joins it.
+    ~zap_handler();
+    zap_handler(const zap_handler&) = delete;
+    zap_handler& operator=(const zap_handler&) = delete;
+
+    // Binds inproc://zeromq.zap.01 in context, which must happen before any
+    // CURVE socket of the context binds, and starts the handler thread.
+    // Returns 0, or -1 (logged) when the socket cannot be made or bound.
+    int start(void* context);
+
+    // Whether the key (Z85, the ZAP user id) may use command, against the
+    // current table: a key removed from the file is refused everything.
+    // name receives the key's name, or "revoked" for a key no longer listed.
+    bool allows(const std::string& key, uint32_t command, std::string& name) const;
+
+    // Reloads keys_file if it changed since the last load. A file that cannot
+    // be read or holds a bad line leaves no key accepted until it is fixed.
+    void refresh();
+
+private:
+    void run();
+    void answer(void* socket);
+
+    mutable std::mutex table_lock;
+    std::shared_ptr<const key_table> table;
+    file_stamp stamp;        // of the file the table came from (ZAP thread only)
+    time_t loaded_at = 0;    // when it was read (ZAP thread only)
+    void* socket = nullptr;  // ZMQ_REP on inproc://zeromq.zap.01, ZAP thread only
+    std::atomic<bool> stopping{false};
+    std::thread thread;
+};

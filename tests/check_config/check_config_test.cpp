@@ -1,0 +1,66 @@
+// vireo-client check-config on broken configurations: the exact line each
+// problem gets and the exit status, through the real binary.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include "test_util.h"
+
+namespace {
+
+std::string replace_all(std::string s, const std::string& from, const std::string& to) {
+    for (size_t at; (at = s.find(from)) != std::string::npos;) {
+        s.replace(at, from.size(), to);
+    }
+    return s;
+}
+
+// One row per problem: the main file's groups (GOOD is the working group)
+// and extra keys, the sub-configuration's entries (ENTRY is a working one),
+// the first line printed and the exit status. Files are one line each, so a
+// column is an offset; the checker runs in their directory.
+TEST(check_config, reports_each_problem_where_it_is) {
+    const std::string good = R"({"class": "c", "code": "10", "config": "sub.json"})";
+    const std::string entry = R"({"name": "n", "id": "1", "type": "file", "file": "sub.json"})";
+    const std::string lib = test_plugin_dir() + "/libvireo_test_plugin.so";
+    // clang-format off
+    struct { const char* groups; const char* keys; const char* entries; const char* want; int status; } rows[] = {
+        {"GOOD", "", "ENTRY", "main.json: 0 errors, 0 warnings; 1 group, 1 command", 0},
+        {"GOOD", "-", "ENTRY", R"(main.json:1:1: error: missing key "mode")", 1},
+        {R"({"class": "c", "code": "zz", "config": "sub.json"})", "", "ENTRY", R"(main.json:1:94: error: "code": "zz" has no hexadecimal digits)", 1},
+        {R"(GOOD, {"class": "d", "code": "0x10", "config": "sub.json"})", "", "ENTRY",
+         R"(main.json:1:146: error: duplicate code 0x10: this group is never served (the daemon keeps the one at main.json:1:71))", 1},
+        {R"({"class": "c", "code": "10", "config": "nope.json"})", "", "ENTRY", R"(main.json:1:110: error: cannot open "nope.json": No such file or directory)", 1},
+        {"GOOD", "", R"({"name": "n" "id": "1"})", R"(sub.json:1:28: error: Missing ',' or '}' in object declaration)", 1},
+        {"GOOD", "", "ENTRY, ENTRY", R"(sub.json:1:97: error: duplicate id 0x1: this command is never served (the daemon keeps the one at sub.json:1:15))", 1},
+        {"GOOD", "", R"(ENTRY, {"name": "n", "id": "2", "type": "File"})", R"(sub.json:1:110: warning: unknown type "File": the daemon skips this command)", 0},
+        {"GOOD", "", R"({"name": "n", "id": "1", "type": "file", "file": "sub.json", "read-all": "yes"})", R"(sub.json:1:88: error: "read-all": expected true or false, found a string)", 1},
+        {"GOOD", "", R"({"name": "n", "id": "1", "type": "custom", "symbols": "nope", "lib": "LIB"})",
+         "sub.json:1:69: error: no function \"nope\" in \"LIB\": LIB: undefined symbol: nope", 1},
+        {"GOOD", R"("security": {"secret-key": "no.key", "authorized-keys": "sub.json"}, )", "ENTRY",
+         R"(main.json:1:82: error: cannot open "no.key": No such file or directory)", 1},
+        {"GOOD", "unreadable", "ENTRY", R"(nothing.json: error: cannot open "nothing.json": No such file or directory)", 78}};
+    // clang-format on
+    for (const auto& row : rows) {
+        temp_dir dir;
+        std::string keys = row.keys,
+                    main_file = keys == "unreadable" ? "nothing.json" : "main.json";
+        std::string head = keys == "-" ? "" : R"("mode": "m", )";
+        dir.write("main.json", "{" + head + R"("server_ip": "127.0.0.1", "port": 6600, )" +
+                                   (keys == "-" || keys == "unreadable" ? "" : keys) +
+                                   R"("sub-configs": [)" + replace_all(row.groups, "GOOD", good) +
+                                   "]}");
+        dir.write("sub.json",
+                  R"({"cmd-list": [)" +
+                      replace_all(replace_all(row.entries, "ENTRY", entry), "LIB", lib) + "]}");
+        std::string out = dir.path() + "/out";
+        int st = system(("cd " + dir.path() +
+                         " && timeout -s KILL 20 " VIREO_CLIENT_BIN " check-config " + main_file +
+                         " >" + out)
+                            .c_str());
+        std::string got = read_text_file(out);
+        EXPECT_EQ(got.substr(0, got.find('\n')), replace_all(row.want, "LIB", lib)) << got;
+        EXPECT_EQ(WIFEXITED(st) ? WEXITSTATUS(st) : -1, row.status) << got;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,573 @@
+// vireo-client check-config MAIN.json: loads a configuration the way the
+// daemon does and reports every problem as FILE:LINE:COLUMN: severity:
+// message. Errors are what stops the daemon from starting or leaves a
+// command unserved; warnings are what it accepts but probably should not.
+// Nothing is started; plug-in libraries are loaded (RTLD_LAZY, like the
+// daemon) to see that they and their functions are there.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+#include "vireo_client.h"
+
+namespace {
+
+constexpr int exit_ok = 0;
+constexpr int exit_problems = 1;
+constexpr int exit_usage = 64;
+constexpr int exit_output = 74;
+constexpr int exit_unreadable = 78;
+
+const char usage_line[] = "usage: vireo-client check-config MAIN.json\n";
+
+// Keys the daemon reads in each kind of object; any other key is ignored.
+const char* const main_keys[] = {"mode", "server_ip", "port", "sub-configs", "security"};
+const char* const group_keys[] = {"class", "code", "config", "disable"};
+const char* const list_keys[] = {"cmd-list"};
+const char* const entry_keys[] = {"name",    "id",     "type",    "file",    "lib",
+                                  "symbols", "detach", "disable", "read-all"};
+const char* const security_keys[] = {"secret-key", "authorized-keys"};
+
+// One parsed JSON file and its text, to turn offsets into lines and columns.
+struct source {
+    std::string path;
+    std::string text;
+    Json::Value root;
+
+    std::string at(ptrdiff_t offset) const {
+        size_t line = 1, col = 1;
+        for (size_t i = 0; i < text.size() && i < static_cast<size_t>(offset); i++) {
+            if (text[i] == '\n') {
+                line++;
+                col = 1;
+            } else {
+                col++;
+            }
+        }
+        return path + ":" + std::to_string(line) + ":" + std::to_string(col);
+    }
+    std::string at(const Json::Value& v) const { return at(v.getOffsetStart()); }
+};
+
+// a and b differ by one inserted, removed or replaced character, or by two
+// neighbours swapped: typos worth a "did you mean".
+bool near_miss(const std::string& a, const std::string& b) {
+    if (a.size() > b.size()) {
+        return near_miss(b, a);
+    }
+    if (b.size() - a.size() > 1) {
+        return false;
+    }
+    size_t i = 0;
+    while (i < a.size() && a[i] == b[i]) {
+        i++;
+    }
+    if (a.size() < b.size()) {
+        return a.compare(i, a.npos, b, i + 1, b.npos) == 0;
+    }
+    if (i == a.size()) {
+        return false;
+    }
+    bool swapped = i + 1 < a.size() && a[i] == b[i + 1] && a[i + 1] == b[i] &&
+                   a.compare(i + 2, a.npos, b, i + 2, b.npos) == 0;
+    return swapped || a.compare(i + 1, a.npos, b, i + 1, b.npos) == 0;
+}
+
+const char* json_kind(const Json::Value& v) {
+    switch (v.type()) {
+        case Json::nullValue:
+            return "null";
+        case Json::booleanValue:
+            return "a boolean";
+        case Json::stringValue:
+            return "a string";
+        case Json::arrayValue:
+            return "an array";
+        case Json::objectValue:
+            return "an object";
+        default:
+            return "a number";
+    }
+}
+
+class checker {
+public:
+    int errors = 0, warnings = 0;
+    size_t groups = 0, commands = 0;  // what the daemon would serve
+    std::vector<void*> libraries;
+
+    ~checker() {
+        for (void* h : libraries) {
+            dlclose(h);
+        }
+    }
+
+    void error(const std::string& where, const std::string& msg) {
+        printf("%s: error: %s\n", where.c_str(), msg.c_str());
+        errors++;
+    }
+    void warning(const std::string& where, const std::string& msg) {
+        printf("%s: warning: %s\n", where.c_str(), msg.c_str());
+        warnings++;
+    }
+
+    // Reads and parses path into src. A file that cannot be opened is
+    // reported at from (where it was named), a syntax error where it is.
+    // Returns 0, the errno of the open when it fails, or -1 for bad JSON.
+    int load(const std::string& path, const std::string& from, source& src) {
+        src.path = path;
+        errno = 0;
+        std::ifstream in(path);
+        if (!in) {
+            int err = errno != 0 ? errno : EIO;
+            error(from, "cannot open \"" + path + "\": " + strerror(err));
+            return err;
+        }
+        std::ostringstream text;
+        text << in.rdbuf();  // sets failbit on an empty file, which parses as an error
+        src.text = text.str();
+        Json::CharReaderBuilder builder;  // the daemon's settings
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        std::string errs;
+        if (!reader->parse(src.text.data(), src.text.data() + src.text.size(), &src.root, &errs)) {
+            // JsonCpp's first error reads "* Line L, Column C\n  message\n".
+            int line = 1, col = 1, used = 0;
+            sscanf(errs.c_str(), "* Line %d, Column %d\n  %n", &line, &col, &used);
+            std::string msg = errs.substr(static_cast<size_t>(used));
+            msg = msg.substr(0, msg.find('\n'));
+            error(path + ":" + std::to_string(line) + ":" + std::to_string(col), msg);
+            return -1;
+        }
+        return 0;
+    }
+
+    // Is v an object? (The daemon's key look-up throws on anything else.)
+    bool object(const source& src, const Json::Value& v, const char* what) {
+        if (v.isObject()) {
+            return true;
+        }
+        error(src.at(v), std::string("expected an object (") + what + "), found " + json_kind(v));
+        return false;
+    }
+
+    template <size_t N>
+    void unknown_keys(const source& src, const Json::Value& obj, const char* const (&known)[N]) {
+        for (auto it = obj.begin(); it != obj.end(); ++it) {
+            std::string key = it.name(), hint;
+            bool found = false;
+            for (const char* k : known) {
+                found = found || key == k;
+                if (hint.empty() && near_miss(key, k)) {
+                    hint = std::string(" (did you mean \"") + k + "\"?)";
+                }
+            }
+            if (!found) {
+                warning(src.at(*it), "unknown key \"" + key + "\" is ignored" + hint);
+            }
+        }
+    }
+
+    // The member key of obj, or null (reported when required).
+    const Json::Value* member(const source& src, const Json::Value& obj, const char* key,
+                              bool required) {
+        const Json::Value* v = obj.find(key, key + strlen(key));
+        if (v == nullptr && required) {
+            error(src.at(obj), std::string("missing key \"") + key + "\"");
+        }
+        return v;
+    }
+
+    // Text as asString() gives it: arrays and objects stop the daemon;
+    // numbers, booleans and null are turned into text.
+    bool text(const source& src, const Json::Value& obj, const char* key, std::string& out,
+              bool quiet = false) {
+        const Json::Value* v = member(src, obj, key, true);
+        if (v == nullptr) {
+            return false;
+        }
+        if (v->isArray() || v->isObject()) {
+            error(src.at(*v),
+                  std::string("\"") + key + "\": expected a string, found " + json_kind(*v));
+            return false;
+        }
+        out = v->asString();
+        if (!v->isString() && !quiet) {
+            warning(src.at(*v), std::string("\"") + key + "\": expected a string; " +
+                                    json_kind(*v) + " is read as \"" + out + "\"");
+        }
+        return true;
+    }
+
+    // A command code or id: text, then std::stoi base 16 (trailing text
+    // ignored, int32 range), stored unsigned.
+    bool hex(const source& src, const Json::Value& obj, const char* key, uint32_t& out) {
+        std::string t;
+        if (!text(src, obj, key, t, true)) {
+            return false;
+        }
+        const Json::Value& v = obj[key];
+        std::string name = std::string("\"") + key + "\": ";
+        size_t used = 0;
+        try {
+            out = static_cast<uint32_t>(std::stoi(t, &used, 16));
+        } catch (const std::invalid_argument&) {
+            error(src.at(v), name + "\"" + t + "\" has no hexadecimal digits");
+            return false;
+        } catch (const std::out_of_range&) {
+            error(src.at(v), name + "\"" + t + "\" is out of range (-0x80000000 to 0x7fffffff)");
+            return false;
+        }
+        char hexed[16];
+        snprintf(hexed, sizeof hexed, "0x%x", out);
+        if (!v.isString()) {
+            warning(src.at(v), name + "expected a string; " + json_kind(v) + " is read as \"" + t +
+                                   "\", that is " + hexed);
+        } else if (used < t.size()) {
+            warning(src.at(v), name + "\"" + t + "\" is read as " + hexed + "; \"" +
+                                   t.substr(used) + "\" is ignored");
+        }
+        return true;
+    }
+
+    // A flag as asBool() takes it: strings, arrays and objects stop the
+    // daemon; numbers and null are taken as their truth value.
+    void flag(const source& src, const Json::Value& obj, const char* key) {
+        const Json::Value* v = member(src, obj, key, false);
+        if (v == nullptr || v->isBool()) {
+            return;
+        }
+        std::string name = std::string("\"") + key + "\": expected true or false";
+        if (v->isString() || v->isArray() || v->isObject()) {
+            error(src.at(*v), name + ", found " + json_kind(*v));
+        } else {
+            warning(src.at(*v), name + "; " + json_kind(*v) + " is read as " +
+                                    (v->asBool() ? "true" : "false"));
+        }
+    }
+
+    // A list the daemon walks by index: a non-empty object stops it, other
+    // non-arrays read as empty.
+    const Json::Value* list(const source& src, const Json::Value& obj, const char* key) {
+        const Json::Value* v = member(src, obj, key, true);
+        if (v == nullptr || v->isArray()) {
+            return v;
+        }
+        std::string name = std::string("\"") + key + "\": expected an array";
+        if (v->isObject() && v->size() > 0) {
+            error(src.at(*v), name + ", found an object");
+        } else {
+            warning(src.at(*v), name + "; " + json_kind(*v) + " is read as an empty list");
+        }
+        return nullptr;
+    }
+
+    void main_file(const source& src);
+    void group(const source& src, const Json::Value& g, std::map<uint32_t, std::string>& codes);
+    void command_list(const source& src);
+    void entry(const source& src, const Json::Value& e, std::map<uint32_t, std::string>& ids);
+    void monitored_file(const std::string& where, const std::string& path);
+    void plugin(const source& src, const Json::Value& e, const std::string& lib,
+                const std::string& sym);
+    void security(const source& src, const Json::Value& sec);
+    void key_file(const std::string& from, const std::string& path, bool secret);
+};
+
+void checker::main_file(const source& src) {
+    if (!object(src, src.root, "the main configuration")) {
+        return;
+    }
+    unknown_keys(src, src.root, main_keys);
+    std::string t;
+    text(src, src.root, "mode", t);  // required; its value means nothing
+    text(src, src.root, "server_ip", t);
+    if (const Json::Value* port = member(src, src.root, "port", true)) {
+        if (!port->isInt() || port->asInt() < 1 || port->asInt() > 65535) {
+            error(src.at(*port), "\"port\": expected a number from 1 to 65535");
+        }
+    }
+    std::map<uint32_t, std::string> codes;  // code -> where the kept group is
+    if (const Json::Value* subs = list(src, src.root, "sub-configs")) {
+        for (const Json::Value& g : *subs) {
+            group(src, g, codes);
+        }
+    }
+    if (const Json::Value* sec = member(src, src.root, "security", false)) {
+        security(src, *sec);
+    }
+}
+
+void checker::group(const source& src, const Json::Value& g,
+                    std::map<uint32_t, std::string>& codes) {
+    if (!object(src, g, "a sub-configuration")) {
+        return;
+    }
+    unknown_keys(src, g, group_keys);
+    std::string cls, path;
+    uint32_t code = 0;
+    text(src, g, "class", cls);
+    bool has_code = hex(src, g, "code", code);
+    bool has_path = text(src, g, "config", path);
+    flag(src, g, "disable");
+    // The daemon opens and parses a duplicate's file too, but never reads
+    // its commands.
+    source sub;
+    bool loaded = has_path && load(path, src.at(g["config"]), sub) == 0;
+    bool kept = has_code;
+    if (has_code && code == client_id_command) {
+        error(src.at(g["code"]),
+              "\"code\": 0xeaea is the built-in client-id group; this group is never served");
+        kept = false;
+    } else if (has_code && !codes.emplace(code, src.at(g)).second) {
+        char msg[64];
+        snprintf(msg, sizeof msg, "duplicate code 0x%x: ", code);
+        error(src.at(g["code"]),
+              msg + std::string("this group is never served (the daemon keeps the one at ") +
+                  codes[code] + ")");
+        kept = false;
+    }
+    if (kept) {
+        groups++;
+    }
+    if (loaded && kept) {
+        command_list(sub);
+    }
+}
+
+void checker::command_list(const source& src) {
+    if (!object(src, src.root, "a sub-configuration file")) {
+        return;
+    }
+    unknown_keys(src, src.root, list_keys);
+    std::map<uint32_t, std::string> ids;
+    if (const Json::Value* cmds = list(src, src.root, "cmd-list")) {
+        for (const Json::Value& e : *cmds) {
+            entry(src, e, ids);
+        }
+    }
+}
+
+void checker::entry(const source& src, const Json::Value& e, std::map<uint32_t, std::string>& ids) {
+    if (!object(src, e, "a command")) {
+        return;
+    }
+    unknown_keys(src, e, entry_keys);
+    std::string name, target, sym;
+    uint32_t id = 0;
+    text(src, e, "name", name);
+    bool has_id = hex(src, e, "id", id);
+    const Json::Value* type = member(src, e, "type", true);
+    if (type != nullptr && !type->isString()) {
+        error(src.at(*type),
+              std::string("\"type\": expected \"file\" or \"custom\", found ") + json_kind(*type));
+        type = nullptr;
+    }
+    if (type != nullptr && type->asString() == "file") {
+        if (text(src, e, "file", target)) {
+            monitored_file(src.at(e["file"]), target);
+        }
+        flag(src, e, "read-all");
+    } else if (type != nullptr && type->asString() == "custom") {
+        bool has_lib = text(src, e, "lib", target);
+        if (text(src, e, "symbols", sym) && has_lib) {
+            plugin(src, e, target, sym);
+        }
+        flag(src, e, "detach");
+        if (const Json::Value* all = member(src, e, "read-all", false)) {
+            warning(src.at(*all), "\"read-all\" has no effect on a custom command");
+        }
+    } else if (type != nullptr) {
+        warning(src.at(*type),
+                "unknown type \"" + type->asString() + "\": the daemon skips this command");
+        return;
+    }
+    flag(src, e, "disable");
+    if (!has_id || type == nullptr) {
+        return;
+    }
+    if (ids.emplace(id, src.at(e)).second) {
+        commands++;
+    } else {
+        char msg[64];
+        snprintf(msg, sizeof msg, "duplicate id 0x%x: ", id);
+        error(src.at(e["id"]),
+              msg + std::string("this command is never served (the daemon keeps the one at ") +
+                  ids[id] + ")");
+    }
+}
+
+// A fixed path must open now. A "$pid" path is tried with this process's
+// id: other ids may differ, so failing is only a warning.
+void checker::monitored_file(const std::string& where, const std::string& path) {
+    std::string tried = path;
+    size_t at = tried.find("$pid");
+    if (at != std::string::npos) {
+        tried.replace(at, 4, std::to_string(getpid()));
+    }
+    // O_NONBLOCK: a FIFO or device must not hang the check.
+    int fd = open(tried.c_str(), O_RDONLY | O_NONBLOCK);
+    int err = errno;
+    struct stat st {};
+    bool dir = fd >= 0 && fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (fd >= 0 && !dir) {
+        return;
+    }
+    std::string why = dir ? "is a directory" : strerror(err);
+    if (at == std::string::npos) {
+        error(where, "cannot read \"" + path + "\": " + why);
+    } else {
+        warning(where, "cannot read \"" + tried + "\" (\"$pid\" as this process's id): " + why);
+    }
+}
+
+void checker::plugin(const source& src, const Json::Value& e, const std::string& lib,
+                     const std::string& sym) {
+    dlerror();
+    void* h = dlopen(lib.c_str(), RTLD_LAZY);
+    if (h == nullptr) {
+        const char* why = dlerror();
+        error(src.at(e["lib"]), "cannot load \"" + lib + "\": " + (why ? why : "unknown reason"));
+        return;
+    }
+    libraries.push_back(h);
+    dlerror();
+    if (dlsym(h, sym.c_str()) == nullptr) {
+        const char* why = dlerror();
+        error(src.at(e["symbols"]), "no function \"" + sym + "\" in \"" + lib +
+                                        "\": " + (why ? why : "its address is null"));
+    }
+}
+
+void checker::security(const source& src, const Json::Value& sec) {
+    if (!object(src, sec, "\"security\"")) {
+        return;
+    }
+    unknown_keys(src, sec, security_keys);
+    if (zmq_has("curve") == 0) {
+        error(src.at(sec), "\"security\": this libzmq has no CURVE support");
+    }
+    std::string path;
+    if (text(src, sec, "secret-key", path)) {
+        key_file(src.at(sec["secret-key"]), path, true);
+    }
+    if (text(src, sec, "authorized-keys", path)) {
+        key_file(src.at(sec["authorized-keys"]), path, false);
+    }
+}
+
+// A secret key file: the first line that is not blank or a '#' comment is a
+// 40-character Z85 key. An authorized-keys file: every such line is
+// "KEY NAME CODES", CODES being "*" or hex codes separated by commas.
+void checker::key_file(const std::string& from, const std::string& path, bool secret) {
+    std::ifstream in(path);
+    if (!in) {
+        error(from, "cannot open \"" + path + "\": " + strerror(errno));
+        return;
+    }
+    struct stat st {};
+    if (secret && stat(path.c_str(), &st) == 0 && (st.st_mode & 077) != 0) {
+        char mode[8];
+        snprintf(mode, sizeof mode, "%04o", st.st_mode & 0777);
+        warning(from, "\"" + path + "\" is open to other users (mode " + mode + ", expected 0600)");
+    }
+    std::string line;
+    for (int n = 1; std::getline(in, line); n++) {
+        std::vector<std::pair<std::string, size_t>> words;  // text, column
+        for (size_t i = 0; i < line.size();) {
+            size_t end = line.find_first_of(" \t\r", i);
+            if (end == std::string::npos) {
+                end = line.size();
+            }
+            if (end > i) {
+                words.emplace_back(line.substr(i, end - i), i + 1);
+            }
+            i = end + 1;
+        }
+        if (words.empty() || words[0].first[0] == '#') {
+            continue;
+        }
+        std::string at = path + ":" + std::to_string(n) + ":";
+        uint8_t key[32];
+        if (words[0].first.size() != 40 || zmq_z85_decode(key, words[0].first.c_str()) == nullptr) {
+            error(at + std::to_string(words[0].second), "expected a 40-character Z85 key");
+        }
+        if (secret) {
+            return;
+        }
+        if (words.size() != 3) {
+            error(at + "1",
+                  "expected KEY NAME CODES, found " + std::to_string(words.size()) + " fields");
+            continue;
+        }
+        if (words[2].first == "*") {
+            continue;
+        }
+        std::string codes = words[2].first;
+        for (size_t start = 0; start <= codes.size();) {
+            size_t end = codes.find(',', start);
+            if (end == std::string::npos) {
+                end = codes.size();
+            }
+            std::string code = codes.substr(start, end - start);
+            std::string col = at + std::to_string(words[2].second + start);
+            try {
+                config_hex(code);
+            } catch (const std::invalid_argument&) {
+                error(col, "code \"" + code + "\" has no hexadecimal digits");
+            } catch (const std::out_of_range&) {
+                error(col, "code \"" + code + "\" is out of range (-0x80000000 to 0x7fffffff)");
+            }
+            start = end + 1;
+        }
+    }
+    if (secret) {
+        error(from, "no key in \"" + path + "\"");
+    }
+}
+
+std::string count(size_t n, const char* what) {
+    return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+}
+
+}  // namespace
+
+int run_check_config(int argc, char** argv) {
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        fputs(usage_line, stdout);
+        return fflush(stdout) == 0 && !ferror(stdout) ? exit_ok : exit_output;
+    }
+    if (argc != 2) {
+        fprintf(stderr, "vireo-client: check-config takes one file; %s", usage_line);
+        return exit_usage;
+    }
+    checker ck;
+    source main_src;
+    int loaded = ck.load(argv[1], argv[1], main_src);
+    if (loaded == 0) {
+        ck.main_file(main_src);
+    }
+    printf("%s: %s, %s; %s, %s\n", argv[1], count(static_cast<size_t>(ck.errors), "error").c_str(),
+           count(static_cast<size_t>(ck.warnings), "warning").c_str(),
+           count(ck.groups, "group").c_str(), count(ck.commands, "command").c_str());
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+        return exit_output;
+    }
+    if (loaded > 0) {
+        return exit_unreadable;
+    }
+    return ck.errors > 0 ? exit_problems : exit_ok;
+}
