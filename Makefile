@@ -46,7 +46,7 @@ test-arm64:
 # The arm64 packages installed and checked on an emulated board (root; the
 # first run builds the board image, cached in /var/cache/vireo-monitor/board).
 test-board: build
-	scripts/test-board
+	BUILD_DIR=$(BUILD_DIR) scripts/test-board
 
 clean:
 	rm -rf $(BUILD_DIR) build-*
