@@ -172,10 +172,10 @@ check "the kernel stack answers with the CAP_SYS_ADMIN drop-in" kernel_stack
 
 reinstall_keeps_config() {
   local pub_before
-  pub_before=$(cat "$conf/server.pub")
+  pub_before=$(first_key "$conf/server.pub") || return 1
   install_debs >/dev/null || return 1
   grep -q '"server_ip": "0.0.0.0"' "$conf/main.json" || { echo "the edit of main.json is gone"; return 1; }
-  [ "$(cat "$conf/server.pub")" = "$pub_before" ] || { echo "the server keys changed"; return 1; }
+  [ "$(first_key "$conf/server.pub")" = "$pub_before" ] || { echo "the server keys changed"; return 1; }
   grep -q ' board ' "$conf/authorized_keys" || { echo "the added client key is gone"; return 1; }
   wait_active
 }
