@@ -160,7 +160,7 @@ kernel_stack() {
   systemctl restart "$unit"
   wait_active || return 1
   local k=()
-  [ -s "$J/client.key" ] && k=(--key "$J/client.key" --server-key "$conf/server.pub")
+  [ -s "$J/client.key" ] && [ -s "$conf/server.pub" ] && k=(--key "$J/client.key" --server-key "$conf/server.pub")
   vireo-client -e tcp://127.0.0.1:6600 -t 5000 "${k[@]}" 0x30 3 --pid "$o2" >"$J/kstack.txt" 2>&1
   local rc=$?
   cat "$J/kstack.txt"
