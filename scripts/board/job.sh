@@ -23,9 +23,13 @@ check() {
     echo "FAIL $name: $(echo "$why" | tail -n 6 | tr '\n' ' ')" >>"$out"
   fi
 }
+# wait_active: the service is running and its port is open (a unit that
+# does not report readiness is active before it listens).
 wait_active() {
   for _ in $(seq 40); do
-    systemctl is-active --quiet "$unit" && return 0
+    if systemctl is-active --quiet "$unit" && [ -n "$(ss -Hltn 'sport = :6600')" ]; then
+      return 0
+    fi
     sleep 0.5
   done
   systemctl status --no-pager "$unit"
