@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap configure build test run run-exporter clean bench fuzz soak package lintian test-arm64
+.PHONY: all bootstrap configure build test run run-exporter clean bench fuzz soak package lintian test-arm64 test-board
 
 all: build
 
@@ -54,6 +54,11 @@ lintian:
 # Cross build for AArch64 and the tests under qemu-user.
 test-arm64:
 	scripts/test-arm64
+
+# The arm64 packages installed and checked on an emulated board (root; the
+# first run builds the board image, cached in /var/cache/vireo-monitor/board).
+test-board: build
+	BUILD_DIR=$(BUILD_DIR) scripts/test-board
 
 clean:
 	rm -rf $(BUILD_DIR) build-*
