@@ -1,13 +1,10 @@
-// Byte order, the checksum entry point, size and time formatting, and the
-// file cache on real files.
+// Byte order, the checksum entry point, and the file cache on real files.
 #include "common_func.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
 #include <filesystem>
-#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -30,23 +27,6 @@ TEST(common_func, byte_order_and_checksum) {
               std::make_pair(0xAC, 0xEDB88320u));
     for (const CRC_32& preset : {crc_32, crc_32_MPEG2})
         EXPECT_EQ(crc32(nullptr, 1 << 20, preset), 0u);
-}
-
-// Sizes scale by 1024 to one decimal rounded half up from the last remainder
-// only, a carry is not rescaled, a unit past T prints no letter; intervals
-// truncate each part toward zero by itself and wrap when end is earlier.
-TEST(common_func, sizes_and_intervals) {
-    // clang-format off
-    for (auto [val, off, text] : std::vector<std::tuple<uint64_t, uint8_t, std::string>>{{1023, 0, "1023.0B"}, {1536, 0, "1.5K"}, {1075, 0, "1.0K"},
-             {1076, 0, "1.1K"}, {1048575, 0, "1024.0K"}, {1049599, 0, "1.0M"}, {2048, 1, "2.0M"}, {1023, 4, "1023.0T"}, {1ull << 50, 0, "1.0"}}) {
-        std::ostringstream os;
-        show_by_unit(val, os, off);
-        EXPECT_EQ(os.str(), text) << val;
-    }
-    for (auto [s, e, ms, us] : std::vector<std::tuple<timeval, timeval, uint64_t, uint64_t>>{{{1, 999999}, {2, 0}, 1, 1}, {{0, 500}, {1, 400}, 1000, 999900},
-             {{5, 10}, {5, 9}, 0, UINT64_MAX}, {{10, 0}, {7, 500000}, 0 - 2500ull, 0 - 2500000ull}, {{3, 1500}, {3, 0}, UINT64_MAX, 0 - 1500ull}})
-        EXPECT_EQ(std::make_pair(time_diff(s, e), time_diff_us(s, e)), std::make_pair(ms, us)) << s.tv_sec << " " << e.tv_usec;
-    // clang-format on
 }
 
 size_t open_fds() {

@@ -1,10 +1,11 @@
-// The monitor service: the client-id pool in process, and the real daemon
-// on a free loopback port: every kind of request with its exact reply and log
-// lines, its worker pool, and its command line.
+// The monitor service: the real daemon on a free loopback port, every kind
+// of request with its exact reply and log lines, the client-id pool, the
+// worker pool and the command line.
 #include "monitor.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -28,11 +29,14 @@ bytes b(const std::string& s) {
 log_line error(const std::string& text) {
     return {6, "VO_MONITOR", text};
 }
+uint64_t now_us() {
+    timeval tv;
+    gettimeofday(&tv, nullptr);
+    return tv.tv_sec * 1000000ull + tv.tv_usec;
+}
 
-// Ids 1..254 lowest free first, then 0, each logged; a returned id comes back;
-// returning 0, 255 or anything outside the pool changes nothing. A command
-// of a type no configuration makes is refused.
-TEST(monitor, client_id_pool_and_unknown_type) {
+// A command of a type no configuration makes is refused.
+TEST(monitor, unknown_type) {
     temp_dir dir;
     std::string sub = dir.write(
         "sub.json", R"({"cmd-list": [{"name": "n", "id": "1", "type": "file", "file": "/x"}]})");
@@ -43,25 +47,11 @@ TEST(monitor, client_id_pool_and_unknown_type) {
             sub + "\"}]}")));
     mon.configs->mconfig->subs_map.at(0x10)->cmds.at(1)->type = static_cast<cmd_type_t>(7);
     comm_data c(nullptr);
-    auto run = [&](uint32_t command, uint32_t sub_command, uint8_t id = 0) {
-        c.recv_data->command = static_cast<int32_t>(command);
-        c.recv_data->sub_command = static_cast<int32_t>(sub_command);
-        c.recv_data->msg[0] = id;
-        return mon.handle_request(&c);
-    };
+    c.recv_data->command = 0x10;
+    c.recv_data->sub_command = 1;
     log_capture log;
-    EXPECT_EQ(run(0x10, 1), -22);
-    logs expect{error("Not support cmd type:7\n")};
-    auto next_id = [&] { return run(0xEAEA, 1) == 1 ? c.send_data->msg[0] : -1; };
-    for (int i = 1; i <= 255; i++) {
-        ASSERT_EQ(next_id(), i % 255) << i;
-        expect.push_back({4, "VO_MONITOR", "send get_client_id " + std::to_string(i % 255) + "\n"});
-    }
-    EXPECT_EQ(log.lines(), expect);
-    for (uint8_t id : {3, 200, 5, 0, 255}) EXPECT_EQ(run(0xEAEA, 2, id), 0);
-    mon.back_client_id(-1);
-    mon.back_client_id(1000);
-    for (int id : {3, 5, 200, 0, 0}) EXPECT_EQ(next_id(), id);
+    EXPECT_EQ(mon.handle_request(&c), -22);
+    EXPECT_EQ(log.lines(), logs{error("Not support cmd type:7\n")});
 }
 
 class daemon_test : public ::testing::Test {
@@ -93,8 +83,8 @@ TEST_F(daemon_test, every_kind_of_request) {
     const std::string dlopen = "dlopen lib: " + test_plugin_dir() +
                                "/libvireo_test_plugin.so symbol: no_such_symbol failed\n";
     const std::string handled = "Handle request error with ";
-    bytes crc5 = make_request(0x10, 1), cut = make_request(0x12, 1);
-    crc5[40] = 5;
+    bytes bad_crc = make_request(0x10, 1), cut = make_request(0x12, 1);
+    std::fill(bad_crc.begin() + 40, bad_crc.begin() + 44, 0xFF);
     cut.resize(10);
     // clang-format off
     struct row { const char* name; bytes request; int32_t msg_len; std::string payload; logs log; } rows[] = {
@@ -103,6 +93,8 @@ TEST_F(daemon_test, every_kind_of_request) {
         {"missing file", make_request(0x10, 3), -2, "", {{6, "vireo-monitor", "read_file no such file: " + s.dir.path() + "/missing.txt\n"}, error(handled + "-2\n")}},
         {"$pid 1000", make_request(0x10, 4, {0xE8, 0x03, 0, 0}), 13, "from 1000.txt", {}},
         {"$pid absent", make_request(0x10, 4), 10, "from 0.txt", {}},
+        {"$pid past msg_len 0", make_request_len(0x10, 4, {0xE8, 0x03, 0, 0}, 0), 10, "from 0.txt", {}},
+        {"$pid past msg_len 2", make_request_len(0x10, 4, {0xE8, 0x03, 1, 0}, 2), 13, "from 1000.txt", {}},
         {"$pid unsigned", make_request(0x10, 4, pid_payload(0xFFFFFFFF)), 19, "from 4294967295.txt", {}},
         {"first $pid only", make_request(0x10, 5, pid_payload(42)), 16, "from 42-$pid.txt", {}},
         {"$ without pid", make_request(0x10, 6, pid_payload(1000)), 15, "from cost$5.txt", {}},
@@ -123,7 +115,7 @@ TEST_F(daemon_test, every_kind_of_request) {
         {"take id", make_request(0xEAEA, 1), 1, "\x01", {{4, "VO_MONITOR", "send get_client_id 1\n"}}},
         {"return id", make_request(0xEAEA, 2, {1}), 0, "", {}},
         {"take id again", make_request(0xEAEA, 1), 1, "\x01", {{4, "VO_MONITOR", "send get_client_id 1\n"}}},
-        {"crc 5 logged, answered", crc5, 12, "hello vireo\n", {{6, "MONITOR_COMM", "crc error, compute crc is 0 , receive crc is 5\n"}}},
+        {"crc logged, answered", bad_crc, 12, "hello vireo\n", {{6, "MONITOR_COMM", "crc error, compute crc is 0 , receive crc is -1\n"}}},
         {"10-byte frame", cut, -22, "", {error("No command 0x12 in " + s.main_file + "\n"), error(handled + "-22\n")}},
         {"msg_len below 0", make_request_len(0x10, 1, {}, INT32_MIN), 12, "hello vireo\n", {}},
         {"msg_len 1025", make_request_len(0x10, 1, {}, 1025), 12, "hello vireo\n", {}},
@@ -138,11 +130,19 @@ TEST_F(daemon_test, every_kind_of_request) {
               {4, "VO_MONITOR", "vireo-monitor listening 127.0.0.1:" + std::to_string(s.port)}}));
     for (const row& r : rows) {
         SCOPED_TRACE(r.name);
-        bytes reply;
+        bytes reply, head{0x30, 0, 0, 0, 0, 0, 0x31, 0xFF, 0, 0, 0, 0};  // msg_type to a gap
+        uint64_t before = now_us();
         ASSERT_TRUE(c.request(r.request, reply));
         reply_view v = parse_reply(reply);
+        uint64_t sent = v.tv_sec * 1000000ull + v.tv_usec;
         EXPECT_EQ(bytes(reply.begin(), reply.begin() + 8),
                   bytes(r.request.begin(), r.request.begin() + 8));
+        if (v.payload != "self!") {  // that frame is the plug-in's own
+            head.resize(std::min<size_t>(reply.size(), 24) - 12);
+            EXPECT_EQ(bytes(&reply[12], &reply[12 + head.size()]), head);
+            EXPECT_TRUE(reply.size() < 40 || (sent >= before && sent <= now_us())) << sent;
+            EXPECT_TRUE(reply.size() < 44 || v.crc == 0);
+        }
         EXPECT_EQ(v.msg_len, r.msg_len == any ? std::max(v.msg_len, 1) : r.msg_len);
         EXPECT_EQ(reply.size(), v.msg_len < -48 ? 12u : v.msg_len + 48u);
         EXPECT_NE(v.payload.find(r.payload), std::string::npos) << v.payload;
@@ -150,6 +150,20 @@ TEST_F(daemon_test, every_kind_of_request) {
         EXPECT_EQ(logs(now.begin() + static_cast<long>(all.size()), now.end()), r.log);
         all = now;
     }
+    // The client-id pool (1 is taken above): the lowest free id up to 254,
+    // then 0, each logged; a returned id comes back, 0 and 255 change nothing.
+    bytes reply;
+    auto take = [&] { return c.request(make_request(0xEAEA, 1), reply) ? reply[44] : -1; };
+    logs want;
+    for (int i = 2; i <= 258; i++) {
+        const int after_full[] = {0, 3, 200, 0};
+        ASSERT_EQ(take(), i < 255 ? i : after_full[i - 255]) << i;
+        want.push_back({4, "VO_MONITOR", "send get_client_id " + std::to_string(reply[44]) + "\n"});
+        if (i == 255)  // the pool is full
+            for (uint8_t id : {200, 3, 0, 255}) c.request(make_request(0xEAEA, 2, {id}), reply);
+    }
+    logs now = s.daemon->log_lines();
+    EXPECT_EQ(logs(now.begin() + static_cast<long>(all.size()), now.end()), want);
 }
 
 // Six requests that each hold a worker: five are inside at once, the sixth

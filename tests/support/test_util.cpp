@@ -209,17 +209,6 @@ bool daemon_process::wait_ready(const std::string& endpoint, int timeout_ms) {
            running();
 }
 
-std::string daemon_process::stderr_text() const {
-    return read_text_file(err_file);
-}
-std::string daemon_process::stdout_text() const {
-    return read_text_file(out_file);
-}
-
-bool daemon_process::wait_stderr(const std::string& text, int timeout_ms) {
-    return poll_until(timeout_ms, [&] { return stderr_text().find(text) != std::string::npos; });
-}
-
 std::vector<log_line> daemon_process::log_lines() const {
     std::vector<log_line> lines;
     std::istringstream in(stderr_text());
