@@ -2,6 +2,8 @@
 #include "common_func.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -29,6 +31,25 @@ TEST(common_func, byte_order_and_checksum) {
         EXPECT_EQ(crc32(nullptr, 1 << 20, preset), 0u);
 }
 
+// Callers inside read() per descriptor, and the most seen at once on one.
+std::atomic<int> readers[1024], most_readers{0};
+}  // namespace
+
+// Every read of the file cache comes here first (the program's own definition
+// wins over the C library's) and stays a moment, so that two reads of one
+// descriptor at once would show.
+extern "C" ssize_t read(int fd, void* buf, size_t n) {
+    int inside = fd >= 0 && fd < 1024 ? ++readers[fd] : 0;
+    for (int m = most_readers; inside > m && !most_readers.compare_exchange_weak(m, inside);) {
+    }
+    std::this_thread::yield();
+    ssize_t r = syscall(SYS_read, fd, buf, n);
+    if (inside > 0)
+        --readers[fd];
+    return r;
+}
+
+namespace {
 size_t open_fds() {
     auto it = std::filesystem::directory_iterator("/proc/self/fd");
     return static_cast<size_t>(std::distance(it, std::filesystem::directory_iterator()));
@@ -123,7 +144,8 @@ TEST_F(file_cache_test, capacity) {
 
 // Eight threads reading the same and different files, cached and not, while
 // empty_cache_file closes everything under them: every read returns the whole
-// content of its own file, and no descriptor leaks.
+// content of its own file, no descriptor is read by two at once, and none
+// leaks.
 TEST_F(file_cache_test, racing_readers) {
     std::vector<std::string> paths, contents;
     for (int i = 0; i < 6; i++) {
@@ -141,6 +163,7 @@ TEST_F(file_cache_test, racing_readers) {
     for (int n = 0; n < 500; n++, std::this_thread::yield()) file_cache::empty_cache_file();
     for (auto& th : pool) th.join();
     EXPECT_EQ(failures, 0);
+    EXPECT_EQ(most_readers, 1);
     file_cache::empty_cache_file();
     EXPECT_EQ(open_fds(), fds);
 }
