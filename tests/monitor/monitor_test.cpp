@@ -150,9 +150,17 @@ TEST_F(daemon_test, every_kind_of_request) {
         EXPECT_EQ(logs(now.begin() + static_cast<long>(all.size()), now.end()), r.log);
         all = now;
     }
+    // A fixed path is read through its cached descriptor, a $pid path afresh:
+    // of two files replaced on disk, only the $pid one shows.
+    bytes reply;
+    for (const char* name : {"data.txt", "1000.txt"})
+        std::rename(s.dir.write("new", "renewed").c_str(), (s.dir.path() + "/" + name).c_str());
+    for (auto [sub, text] : {std::pair{1, "hello vireo\n"}, {4, "renewed"}})
+        EXPECT_TRUE(c.request(make_request(0x10, sub, pid_payload(1000)), reply) &&
+                    parse_reply(reply).payload == text)
+            << sub;
     // The client-id pool (1 is taken above): the lowest free id up to 254,
     // then 0, each logged; a returned id comes back, 0 and 255 change nothing.
-    bytes reply;
     auto take = [&] { return c.request(make_request(0xEAEA, 1), reply) ? reply[44] : -1; };
     logs want;
     for (int i = 2; i <= 258; i++) {
