@@ -54,11 +54,14 @@ protected:
 std::atomic<bool> id_held[256];
 
 // One client's share: plug-in, file, $pid and client-id requests in turn,
-// each reply checked against its own request. Adds up to 3 failures.
+// each reply checked against its own request; the client holds one client id
+// at a time. Adds up to 3 failures.
 long client_load(const std::string& ep, int t, long count, clock_type::time_point until,
                  std::vector<std::string>& failures, std::mutex& m) {
     zmq_client c(ep);
     long i = 0, failed = 0;
+    int held = 0;  // the client id this client holds
+    bytes reply;
     for (; i < count && clock_type::now() < until && failed < 3; i++) {
         std::string tag = "client " + std::to_string(t) + "-" + std::to_string(i);
         // clang-format off
@@ -67,18 +70,18 @@ long client_load(const std::string& ep, int t, long count, clock_type::time_poin
         // clang-format on
         int kind = static_cast<int>((i + t) % 4);
         auto& [req, head] = kinds[kind];
-        bytes reply;
         bool ok = c.request(req, reply) && reply.size() >= 8 &&
                   std::equal(req.begin(), req.begin() + 8, reply.begin());
         reply_view r = parse_reply(reply);
         ok = ok && reply.size() == r.msg_len + 48u &&
              r.payload.compare(0, head.size(), head) == 0 &&
              (kind == 2 ? r.msg_len > 0 : r.msg_len == int32_t(head.size()) + (kind == 3));
-        if (ok && kind == 3) {  // a client id: never 0, never held by another client
+        if (ok && kind == 3) {  // a new client id, never held by another client; the old one back
             int id = reply[44];
             ok = id != 0 && !id_held[id].exchange(true);
-            id_held[id] = false;  // before the daemon can hand it out again
-            ok = c.request(make_request(0xEAEA, 2, {static_cast<uint8_t>(id)}), reply) && ok;
+            id_held[held] = false;  // before the daemon can hand it out again
+            ok = c.request(make_request(0xEAEA, 2, {static_cast<uint8_t>(held)}), reply) && ok;
+            held = ok ? id : 0;
         }
         if (!ok && ++failed) {
             std::lock_guard<std::mutex> lock(m);
@@ -86,6 +89,8 @@ long client_load(const std::string& ep, int t, long count, clock_type::time_poin
                                r.payload + "'");
         }
     }
+    id_held[held] = false;
+    c.request(make_request(0xEAEA, 2, {static_cast<uint8_t>(held)}), reply);
     return i - failed;
 }
 
