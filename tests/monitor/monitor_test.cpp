@@ -130,7 +130,8 @@ TEST_F(daemon_test, every_kind_of_request) {
               {4, "VO_MONITOR", "vireo-monitor listening 127.0.0.1:" + std::to_string(s.port)}}));
     for (const row& r : rows) {
         SCOPED_TRACE(r.name);
-        bytes reply, head{0x30, 0, 0, 0, 0, 0, 0x31, 0xFF, 0, 0, 0, 0};  // msg_type to a gap
+        // msg_type, gap, sum_packet, cur_packet, command_type, client_id, gap
+        bytes reply, head{0x30, 0, 0, 0, 0, 0, 0x31, 0xFF, 0, 0, 0, 0};
         uint64_t before = now_us();
         ASSERT_TRUE(c.request(r.request, reply));
         reply_view v = parse_reply(reply);
