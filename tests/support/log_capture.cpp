@@ -3,9 +3,7 @@
 #include <android/log.h>
 #include <errno.h>
 
-#include <algorithm>
 #include <mutex>
-#include <ostream>
 
 namespace {
 std::mutex lines_lock;
@@ -26,17 +24,13 @@ log_capture::log_capture() {
     __android_log_set_logger(capture_logger);
 }
 
-log_capture::~log_capture() { __android_log_set_logger(__android_log_stderr_logger); }
+log_capture::~log_capture() {
+    __android_log_set_logger(__android_log_stderr_logger);
+}
 
 std::vector<log_line> log_capture::lines() const {
     std::lock_guard<std::mutex> lock(lines_lock);
     return captured;
-}
-
-size_t log_capture::count(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(lines_lock);
-    return std::count_if(captured.begin(), captured.end(),
-                         [&](const log_line& l) { return l.text == text; });
 }
 
 void log_capture::clear() {
@@ -44,4 +38,6 @@ void log_capture::clear() {
     captured.clear();
 }
 
-std::string null_tag() { return program_invocation_short_name; }
+std::string null_tag() {
+    return program_invocation_short_name;
+}

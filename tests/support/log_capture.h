@@ -2,6 +2,7 @@
 // logger hook, so tests can assert the exact priority, tag and text.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -27,8 +28,6 @@ public:
     log_capture& operator=(const log_capture&) = delete;
 
     std::vector<log_line> lines() const;
-    // Lines whose text equals text exactly.
-    size_t count(const std::string& text) const;
     void clear();
 };
 

@@ -1,7 +1,5 @@
 #include "test_util.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,7 +8,6 @@
 #include <zmq.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -22,9 +19,8 @@ namespace fs = std::filesystem;
 
 temp_dir::temp_dir() {
     char tmpl[] = "/tmp/vireo-test-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) {
+    if (mkdtemp(tmpl) == nullptr)
         throw std::runtime_error("mkdtemp failed");
-    }
     dir = tmpl;
 }
 
@@ -36,31 +32,25 @@ temp_dir::~temp_dir() {
 std::string temp_dir::write(const std::string& name, const std::string& content) const {
     std::string path = dir + "/" + name;
     fs::create_directories(fs::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
     return path;
 }
 
 std::string read_text_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
 int free_port() {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        close(fd);
-        throw std::runtime_error("cannot bind a free port");
-    }
+    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
+              getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
     close(fd);
+    if (!ok)
+        throw std::runtime_error("cannot bind a free port");
     return ntohs(addr.sin_port);
 }
 
@@ -70,9 +60,7 @@ std::vector<uint8_t> make_request_len(uint32_t command, uint32_t sub_command,
     memcpy(&frame[0], &command, 4);
     memcpy(&frame[4], &sub_command, 4);
     memcpy(&frame[8], &msg_len, 4);
-    if (!payload.empty()) {
-        memcpy(&frame[44], payload.data(), payload.size());
-    }
+    std::copy(payload.begin(), payload.end(), frame.begin() + 44);
     return frame;
 }
 
@@ -82,13 +70,11 @@ std::vector<uint8_t> make_request(uint32_t command, uint32_t sub_command,
 }
 
 std::vector<uint8_t> pid_payload(uint32_t pid) {
-    return {static_cast<uint8_t>(pid), static_cast<uint8_t>(pid >> 8),
-            static_cast<uint8_t>(pid >> 16), static_cast<uint8_t>(pid >> 24)};
+    return {uint8_t(pid), uint8_t(pid >> 8), uint8_t(pid >> 16), uint8_t(pid >> 24)};
 }
 
-zmq_client::zmq_client(const std::string& endpoint, int timeout_ms, int type) {
-    ctx = zmq_ctx_new();
-    sock = zmq_socket(ctx, type);
+zmq_client::zmq_client(const std::string& endpoint, int timeout_ms, int type)
+    : ctx(zmq_ctx_new()), sock(zmq_socket(ctx, type)) {
     int linger = 0;
     zmq_setsockopt(sock, ZMQ_LINGER, &linger, sizeof linger);
     zmq_setsockopt(sock, ZMQ_RCVTIMEO, &timeout_ms, sizeof timeout_ms);
@@ -109,17 +95,14 @@ bool zmq_client::recv(std::vector<uint8_t>& out, bool* more) {
     zmq_msg_t msg;
     zmq_msg_init(&msg);
     int n = zmq_msg_recv(&msg, sock, 0);
-    if (n < 0) {
-        zmq_msg_close(&msg);
-        return false;
-    }
-    auto* data = static_cast<uint8_t*>(zmq_msg_data(&msg));
-    out.assign(data, data + n);
-    if (more != nullptr) {
-        *more = zmq_msg_more(&msg) != 0;
+    if (n >= 0) {
+        auto* data = static_cast<uint8_t*>(zmq_msg_data(&msg));
+        out.assign(data, data + n);
+        if (more != nullptr)
+            *more = zmq_msg_more(&msg) != 0;
     }
     zmq_msg_close(&msg);
-    return true;
+    return n >= 0;
 }
 
 bool zmq_client::request(const std::vector<uint8_t>& frame, std::vector<uint8_t>& reply) {
@@ -127,70 +110,54 @@ bool zmq_client::request(const std::vector<uint8_t>& frame, std::vector<uint8_t>
 }
 
 reply_view parse_reply(const std::vector<uint8_t>& f) {
+    uint8_t h[44] = {};
+    memcpy(h, f.data(), std::min<size_t>(f.size(), sizeof h));
     reply_view r{};
-    auto get = [&](size_t off, void* dst, size_t n) {
-        if (off + n <= f.size()) {
-            memcpy(dst, &f[off], n);
-        }
-    };
-    get(0, &r.command, 4);
-    get(4, &r.sub_command, 4);
-    get(8, &r.msg_len, 4);
-    get(12, &r.msg_type, 1);
-    get(14, &r.sum_packet, 2);
-    get(16, &r.cur_packet, 2);
-    get(18, &r.command_type, 1);
-    get(19, &r.client_id, 1);
-    get(24, &r.tv_sec, 8);
-    get(32, &r.tv_usec, 8);
-    get(40, &r.crc, 4);
-    if (r.msg_len > 0 && f.size() >= 44 + static_cast<size_t>(r.msg_len)) {
+    // clang-format off
+    for (auto [off, field, n] : {std::tuple<size_t, void*, size_t>{0, &r.command, 4}, {4, &r.sub_command, 4}, {8, &r.msg_len, 4}, {12, &r.msg_type, 1},
+             {14, &r.sum_packet, 2}, {16, &r.cur_packet, 2}, {18, &r.command_type, 1}, {19, &r.client_id, 1}, {24, &r.tv_sec, 8}, {32, &r.tv_usec, 8}, {40, &r.crc, 4}})
+        memcpy(field, &h[off], n);
+    // clang-format on
+    if (r.msg_len > 0 && f.size() >= 44 + static_cast<size_t>(r.msg_len))
         r.payload.assign(reinterpret_cast<const char*>(&f[44]), static_cast<size_t>(r.msg_len));
-    }
     return r;
 }
 
-std::string daemon_path() { return VIREO_MONITOR_BIN; }
+std::string daemon_path() {
+    return VIREO_MONITOR_BIN;
+}
 
 std::vector<std::string> emulator_prefix() {
     std::vector<std::string> words;
 #ifdef VIREO_EMULATOR
     // The build's emulator command, its words separated by '|'.
-    std::string s = VIREO_EMULATOR;
-    for (size_t start = 0, end; start <= s.size(); start = end + 1) {
-        end = s.find('|', start);
-        if (end == std::string::npos) {
-            end = s.size();
-        }
-        if (end > start) {
-            words.push_back(s.substr(start, end - start));
-        }
-    }
+    std::istringstream in(VIREO_EMULATOR);
+    for (std::string w; std::getline(in, w, '|');)
+        if (!w.empty())
+            words.push_back(w);
 #endif
     return words;
 }
 
-std::string test_plugin_dir() { return VIREO_TEST_PLUGIN_DIR; }
+std::string test_plugin_dir() {
+    return VIREO_TEST_PLUGIN_DIR;
+}
 
 daemon_process::daemon_process(const std::vector<std::string>& args) {
-    char out_tmpl[] = "/tmp/vireo-daemon-out-XXXXXX";
-    char err_tmpl[] = "/tmp/vireo-daemon-err-XXXXXX";
-    int out_fd = mkstemp(out_tmpl);
-    int err_fd = mkstemp(err_tmpl);
+    char out_tmpl[] = "/tmp/vireo-daemon-out-XXXXXX", err_tmpl[] = "/tmp/vireo-daemon-err-XXXXXX";
+    int out_fd = mkstemp(out_tmpl), err_fd = mkstemp(err_tmpl);
     out_file = out_tmpl;
     err_file = err_tmpl;
-    std::vector<std::string> argv_s = emulator_prefix();
-    argv_s.push_back(daemon_path());
-    argv_s.insert(argv_s.end(), args.begin(), args.end());
+    std::vector<std::string> words = emulator_prefix();
+    words.push_back(daemon_path());
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
     child = fork();
     if (child == 0) {
         dup2(out_fd, 1);
         dup2(err_fd, 2);
-        std::vector<char*> argv;
-        for (auto& a : argv_s) {
-            argv.push_back(const_cast<char*>(a.c_str()));
-        }
-        argv.push_back(nullptr);
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -208,54 +175,70 @@ daemon_process::~daemon_process() {
 }
 
 bool daemon_process::running() {
-    if (exited) {
-        return false;
-    }
-    if (waitpid(child, &status, WNOHANG) == child) {
-        exited = true;
-        return false;
+    exited = exited || waitpid(child, &status, WNOHANG) == child;
+    return !exited;
+}
+
+namespace {
+// Polls done every 10 ms until it holds or timeout_ms pass.
+template <class F>
+bool poll_until(int timeout_ms, F done) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
 }
+}  // namespace
 
 int daemon_process::wait_exit(int timeout_ms) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (running()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    if (!poll_until(timeout_ms, [&] { return !running(); }))
+        return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 bool daemon_process::wait_ready(const std::string& endpoint, int timeout_ms) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     // Returning id 0 changes nothing and logs nothing: a silent probe.
     auto probe = make_request(0xEAEA, 2, {0});
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (!running()) {
-            return false;
-        }
-        zmq_client c(endpoint, 200);
-        std::vector<uint8_t> reply;
-        if (c.request(probe, reply)) {
-            return true;
-        }
-    }
-    return false;
+    std::vector<uint8_t> reply;
+    return poll_until(
+               timeout_ms,
+               [&] { return !running() || zmq_client(endpoint, 200).request(probe, reply); }) &&
+           running();
 }
 
-std::string daemon_process::stderr_text() const { return read_text_file(err_file); }
-std::string daemon_process::stdout_text() const { return read_text_file(out_file); }
-
-bool daemon_process::wait_stderr(const std::string& text, int timeout_ms) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (stderr_text().find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
+std::vector<log_line> daemon_process::log_lines() const {
+    std::vector<log_line> lines;
+    std::istringstream in(stderr_text());
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream f(line);
+        std::string tag, prio, date, time, text;
+        long pid = 0, tid = 0;
+        std::getline(f >> tag >> prio >> date >> time >> pid >> tid >> std::ws, text);
+        if (line.empty() || pid != child || tid <= 0 || prio.size() != 1) {
+            lines.push_back({-1, "", line});  // not a log line: shows in a comparison
+            continue;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        // The logger ends every text with a newline: an empty line follows a
+        // text that had its own.
+        if (in.peek() == '\n')
+            text += static_cast<char>(in.get());
+        lines.push_back({int(std::string(" VDIWEF").find(prio[0])) + 1, tag, text});
     }
-    return true;
+    return lines;
+}
+
+served_daemon::served_daemon(std::string cmds) {
+    const std::string dir_path = dir.path(), lib = test_plugin_dir() + "/libvireo_test_plugin.so";
+    for (auto [key, value] : {std::pair{"DIR", dir_path}, {"LIB", lib}})
+        for (size_t at; (at = cmds.find(key)) != std::string::npos;) cmds.replace(at, 3, value);
+    sub_file = dir.write("sub.json", R"({"cmd-list": [)" + cmds + "]}");
+    endpoint = "tcp://127.0.0.1:" + std::to_string(port);
+    // clang-format off
+    main_file = dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [
+        {"class": "a", "code": "0x10", "config": ")" + sub_file + R"("}, {"class": "b", "code": "0x11", "config": ")" + sub_file + R"(", "disable": true}]})");
+    // clang-format on
+    daemon = std::make_unique<daemon_process>(std::vector<std::string>{"-c", main_file});
 }

@@ -6,8 +6,11 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "log_capture.h"
 
 // A fresh directory under /tmp, removed with its contents on destruction.
 class temp_dir {
@@ -30,8 +33,8 @@ std::string read_text_file(const std::string& path);
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int free_port();
 
-// A request frame: 44-byte header (crc 0), then the payload, then msg_len is
-// the payload size unless given.
+// A request frame: 44-byte header (crc 0), then the payload; msg_len is the
+// payload size unless given.
 std::vector<uint8_t> make_request(uint32_t command, uint32_t sub_command,
                                   const std::vector<uint8_t>& payload = {});
 std::vector<uint8_t> make_request_len(uint32_t command, uint32_t sub_command,
@@ -39,10 +42,10 @@ std::vector<uint8_t> make_request_len(uint32_t command, uint32_t sub_command,
 // The 4 payload bytes of a pid, little-endian.
 std::vector<uint8_t> pid_payload(uint32_t pid);
 
-// A ZMQ_REQ (or other type) socket with a receive timeout and linger 0.
+// A ZMQ_REQ (or other type) socket with send and receive timeouts, linger 0.
 class zmq_client {
 public:
-    explicit zmq_client(const std::string& endpoint, int timeout_ms = 5000, int type = 3 /*ZMQ_REQ*/);
+    explicit zmq_client(const std::string& endpoint, int timeout_ms = 5000, int type = 3 /*REQ*/);
     ~zmq_client();
     zmq_client(const zmq_client&) = delete;
     zmq_client& operator=(const zmq_client&) = delete;
@@ -59,7 +62,8 @@ private:
     void* sock;
 };
 
-// Fields of a reply frame, read at their wire offsets.
+// Fields of a reply frame, read at their wire offsets (zero where the frame
+// is too short).
 struct reply_view {
     int32_t command, sub_command, msg_len;
     uint8_t msg_type;
@@ -81,8 +85,8 @@ std::vector<std::string> emulator_prefix();
 // A directory of plug-ins built by the test build.
 std::string test_plugin_dir();
 
-// The real daemon, started with args; its stderr goes to a file. Killed by
-// PID on destruction.
+// The real daemon, started with args; stdout and stderr go to files. Killed
+// by PID on destruction.
 class daemon_process {
 public:
     explicit daemon_process(const std::vector<std::string>& args);
@@ -95,10 +99,12 @@ public:
     // Waits (bounded) for the process to exit; returns its status or -1.
     int wait_exit(int timeout_ms = 10000);
     bool running();
-    std::string stderr_text() const;
-    std::string stdout_text() const;
-    // Waits (bounded) until stderr contains text.
-    bool wait_stderr(const std::string& text, int timeout_ms = 5000);
+    std::string stderr_text() const { return read_text_file(err_file); }
+    std::string stdout_text() const { return read_text_file(out_file); }
+    // The log lines on stderr ("TAG P MM-DD HH:MM:SS pid tid text"), each
+    // text with the newline it was logged with; a null tag shows as the
+    // program's name.
+    std::vector<log_line> log_lines() const;
     pid_t pid() const { return child; }
 
 private:
@@ -106,4 +112,17 @@ private:
     int status = -1;
     bool exited = false;
     std::string out_file, err_file;
+};
+
+// The daemon on a free port serving group 0x10, and a disabled group 0x11,
+// from one sub-configuration with the given "cmd-list" entries, in which DIR
+// stands for the temporary directory and LIB for the test plug-in.
+struct served_daemon {
+    temp_dir dir;
+    int port = free_port();
+    std::string endpoint, main_file, sub_file;
+    std::unique_ptr<daemon_process> daemon;
+
+    explicit served_daemon(std::string cmd_list);
+    bool ready() { return daemon->wait_ready(endpoint); }
 };
