@@ -242,3 +242,12 @@ served_daemon::served_daemon(std::string cmds) {
     // clang-format on
     daemon = std::make_unique<daemon_process>(std::vector<std::string>{"-c", main_file});
 }
+
+bool daemon_process::wait_stderr(const std::string& text, int timeout_ms) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (stderr_text().find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}

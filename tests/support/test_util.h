@@ -100,6 +100,8 @@ public:
     int wait_exit(int timeout_ms = 10000);
     bool running();
     std::string stderr_text() const { return read_text_file(err_file); }
+    // Waits (bounded) until stderr contains text.
+    bool wait_stderr(const std::string& text, int timeout_ms = 5000);
     std::string stdout_text() const { return read_text_file(out_file); }
     // The log lines on stderr ("TAG P MM-DD HH:MM:SS pid tid text"), each
     // text with the newline it was logged with; a null tag shows as the
