@@ -35,17 +35,12 @@ if(TARGET vireo-exporter)
 endif()
 if(TARGET vireo_probe)
   install(TARGETS vireo_probe LIBRARY DESTINATION ${VIREO_PLUGIN_INSTALL_DIR})
-  # The walker is private to the plug-in, not on PATH; the plug-in finds it
-  # by the relative path from its own folder.
-  set(VIREO_WALKER_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/vireo-monitor)
-  install(TARGETS vireo-walker RUNTIME DESTINATION ${VIREO_WALKER_INSTALL_DIR})
-  file(RELATIVE_PATH walker_from_plugin ${CMAKE_INSTALL_PREFIX}/${VIREO_PLUGIN_INSTALL_DIR}
-       ${CMAKE_INSTALL_PREFIX}/${VIREO_WALKER_INSTALL_DIR}/vireo-walker)
-  target_compile_definitions(vireo_probe PRIVATE VIREO_WALKER_FROM_PLUGIN="${walker_from_plugin}")
-endif()
-# The probe's walker is run by the plug-in, never by users: not on PATH.
-if(TARGET vireo-walker)
+  # The walker is run by the plug-in, never by users: not on PATH. The
+  # plug-in finds it by the relative path from its own folder.
   install(TARGETS vireo-walker RUNTIME DESTINATION ${VIREO_PKGLIB_INSTALL_DIR})
+  file(RELATIVE_PATH walker_from_plugin ${CMAKE_INSTALL_PREFIX}/${VIREO_PLUGIN_INSTALL_DIR}
+       ${CMAKE_INSTALL_PREFIX}/${VIREO_PKGLIB_INSTALL_DIR}/vireo-walker)
+  target_compile_definitions(vireo_probe PRIVATE VIREO_WALKER_FROM_PLUGIN="${walker_from_plugin}")
 endif()
 
 # --- configuration ----------------------------------------------------------
