@@ -31,6 +31,9 @@ int probe_parse_args(comm_data* c, probe_args& args);
 // (ESRCH) otherwise.
 int probe_check_target(const probe_args& args);
 
+// Both of the above: the request's target, parsed and found running.
+int probe_target(comm_data* c, probe_args& args);
+
 // The thread ids of a process, ascending; empty when it is gone.
 std::vector<pid_t> probe_list_tasks(pid_t pid);
 

@@ -58,9 +58,7 @@ std::string seconds(unsigned long ticks, long hz) {
 // time in seconds.
 PROBE_EXPORT int probe_threads(comm_data* c) {
     probe_args args;
-    int rc = probe_parse_args(c, args);
-    if (rc == 0)
-        rc = probe_check_target(args);
+    int rc = probe_target(c, args);
     if (rc != 0)
         return rc;
 
@@ -99,9 +97,7 @@ PROBE_EXPORT int probe_threads(comm_data* c) {
 // prints it. Reading it usually takes privileges: refused is -1.
 PROBE_EXPORT int probe_kstack(comm_data* c) {
     probe_args args;
-    int rc = probe_parse_args(c, args);
-    if (rc == 0)
-        rc = probe_check_target(args);
+    int rc = probe_target(c, args);
     if (rc != 0)
         return rc;
 

@@ -30,6 +30,11 @@ int probe_parse_args(comm_data* c, probe_args& args) {
     return 0;
 }
 
+int probe_target(comm_data* c, probe_args& args) {
+    int rc = probe_parse_args(c, args);
+    return rc != 0 ? rc : probe_check_target(args);
+}
+
 int probe_reply(comm_data* c, const char* text, size_t len) {
     const size_t share = static_cast<size_t>(c->max_send_len);
     if (len <= share) {

@@ -353,9 +353,7 @@ int start_walker(pid_t target, walker_proc& p) {
 // One walk of the request's target; the reply text in text.
 int walk(comm_data* c, walker_op op, std::string& text) {
     probe_args args;
-    int rc = probe_parse_args(c, args);
-    if (rc == 0)
-        rc = probe_check_target(args);
+    int rc = probe_target(c, args);
     if (rc != 0)
         return rc;
 
