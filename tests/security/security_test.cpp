@@ -138,6 +138,15 @@ TEST_F(security_test, rights_per_key_follow_the_file_while_running) {
         logged("Key " + std::string(alice.pub, 10) + " (revoked) may not use command 0x10\n"));
     EXPECT_EQ(client(endpoint, server.pub, &alice).ask(make_request(0x10, 1)), no_reply);
     EXPECT_EQ(b.ask(make_request(0x10, 1)), 4);
+
+    // A file broken while running refuses every key rather than keep the last ones.
+    dir.write("keys", "short bob *\n");
+    for (int i = 0; i < 30 && (answer = b.ask(make_request(0x10, 1))) != -1; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(answer, -1);
+    EXPECT_TRUE(
+        logged("Authorized keys " + dir.path() +
+               "/keys: line 1: not a 40-character Z85 key, no key accepted until it is fixed\n"));
 }
 
 // In both modes an empty frame reads as command 0, not as the request a

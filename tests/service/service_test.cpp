@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zmq.h>
 
 #include <chrono>
 #include <thread>
@@ -37,6 +38,7 @@ std::string run_daemon(const temp_dir& dir, std::vector<std::string> args, bool 
     std::vector<std::string> argv_s = emulator_prefix();
     argv_s.push_back(daemon_path());
     argv_s.insert(argv_s.end(), args.begin(), args.end());
+    unlink(err_file.c_str());  // not the last run's text
     pid_t child = fork();
     if (child == 0) {
         int fd = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -75,6 +77,24 @@ TEST(journal_log, priority_prefix_and_no_empty_line) {
               "<3>VO_MONITOR: Please use '-c' to specify config file\n");
     EXPECT_EQ(run_daemon(dir, {"-c", config}, true, "listening"),
               "<6>VO_MONITOR: vireo-monitor listening 127.0.0.1:" + std::to_string(port) + "\n");
+    // A warning keeps its level; each line of a text of several lines its prefix.
+    char pub[41], sec[41];
+    zmq_curve_keypair(pub, sec);
+    std::string key = dir.write("server.key", std::string(sec) + "\n"),
+                keys = dir.write("keys", "");
+    chmod(key.c_str(), 0644);
+    std::string text = read_text_file(config);
+    std::string secure = dir.write(
+        "secure.json", text.substr(0, text.rfind('}')) + R"(, "security": {"secret-key": ")" + key +
+                           R"(", "authorized-keys": ")" + keys + R"("}})");
+    std::string warned = run_daemon(dir, {"-c", secure}, true, "listening");
+    EXPECT_EQ(warned.rfind("<4>MONITOR_CONFIG: Secret key " + key +
+                               " can be read by other users: chmod 600 it\n<6>",
+                           0),
+              0u)
+        << warned;
+    std::string lines = run_daemon(dir, {"-c", dir.path() + "/no\nfile"}, true, "");
+    EXPECT_NE(lines.find("\n<3>MONITOR_CONFIG: file failed\n<3>"), std::string::npos) << lines;
     std::string plain = run_daemon(dir, {}, false, "");
     EXPECT_EQ(plain.rfind("VO_MONITOR E ", 0), 0u) << plain;
     EXPECT_NE(plain.find("Please use '-c' to specify config file\n\n"), std::string::npos) << plain;
