@@ -1,6 +1,7 @@
 #include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "common_func.h"
@@ -15,6 +16,12 @@ namespace {
 // Bytes already read are the result even when an error stops the loop: they
 // are the file's content, just shorter, as a short single read would be.
 ssize_t read_to_end(int fd, uint8_t* buf, size_t want) {
+    // A device, pipe or socket may never reach its end: one read, as
+    // without read-all. /proc and /sys files are regular files.
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        return read(fd, buf, want);
+    }
     size_t got = 0;
     while (got < want) {
         ssize_t n = read(fd, buf + got, want - got);

@@ -164,8 +164,10 @@ int start_security(monitor* mon, const main_config& mc) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Connect error:%d\n", -1);
         return -1;
     }
-    char server_public[z85_key_len + 1];
-    zmq_curve_public(server_public, mc.secret_key.c_str());
+    char server_public[z85_key_len + 1] = "?";
+    if (zmq_curve_public(server_public, mc.secret_key.c_str()) != 0) {
+        strcpy(server_public, "?");
+    }
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "CURVE server key %s, %zu client keys\n",
                         key_fingerprint(server_public).c_str(), mc.keys.size());
     return 0;

@@ -37,6 +37,10 @@ int zap_handler::start(void* context) {
     if (socket == nullptr || zmq_bind(socket, "inproc://zeromq.zap.01") != 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "ZAP handler error, %s\n",
                             zmq_strerror(errno));
+        if (socket != nullptr) {
+            zmq_close(socket);
+            socket = nullptr;
+        }
         return -1;
     }
     thread = std::thread(&zap_handler::run, this);

@@ -50,6 +50,17 @@ int comm_data::recv_msg() {
     if (n != -1 && body) {
         n = zmq_recv(socket, recv_data, static_cast<size_t>(max_recv_len + 48), 0);
     }
+    // A request is one frame. Frames a client sent after it are dropped
+    // here: left queued, the next receive would take the client's own frame
+    // for the key the queue put in, and so the rights of another key.
+    if (key_frame && n != -1) {
+        int more = 0;
+        size_t more_size = sizeof more;
+        char scrap;
+        while (zmq_getsockopt(socket, ZMQ_RCVMORE, &more, &more_size) == 0 && more != 0 &&
+               zmq_recv(socket, &scrap, 0, 0) != -1) {
+        }
+    }
     if (n == -1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_recv error, %s\n",
                             zmq_strerror(errno));

@@ -127,6 +127,13 @@ TEST_F(security_test, rights_per_key_follow_the_file_while_running) {
             << std::hex << r.command;
     EXPECT_TRUE(logged("Key " + std::string(bob.pub, 10) + " (bob) may not use command 0x20\n"));
 
+    // Frames after the request are dropped, never read as a key of their own:
+    // bob cannot borrow alice's rights by sending her public key along.
+    bytes first = make_request(0x10, 1, {0}), key(alice.pub, alice.pub + 40);
+    zmq_send(b.sock, first.data(), first.size(), ZMQ_SNDMORE);
+    zmq_send(b.sock, key.data(), key.size(), ZMQ_SNDMORE);
+    EXPECT_EQ(b.ask2(make_request(0x20, 1, {0})), std::make_pair(0x10, 4));
+
     // Revoked: the open connection is refused within the reload period, a
     // new one gets nothing; bob is still answered.
     dir.write("keys", keys_text(false));
