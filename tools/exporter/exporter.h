@@ -24,7 +24,7 @@ struct command_map {
 
 // A process to report: a fixed pid, or a pidfile on the board that a file
 // command serves.
-struct process_spec {
+struct process_conf {
     std::string name;
     uint32_t pid = 0;
     cmd_ref pidfile;
@@ -38,17 +38,17 @@ struct curve_keys {
 };
 
 // Everything one probe needs to know about its board.
-struct target_spec {
+struct target_conf {
     std::string endpoint;
     curve_keys keys;
     command_map cmds;
-    std::vector<process_spec> processes;
+    std::vector<process_conf> processes;
     double user_hz = 100;  // clock ticks per second of /proc/stat and /proc/PID/stat
 };
 
 struct exporter_config {
-    target_spec defaults;                        // tcp:// targets; base of named ones
-    std::map<std::string, target_spec> targets;  // named targets
+    target_conf defaults;                        // tcp:// targets; base of named ones
+    std::map<std::string, target_conf> targets;  // named targets
     int threads = 64;                            // HTTP worker threads = concurrent probes
     double timeout_s = 5;  // probe timeout without X-Prometheus-Scrape-Timeout-Seconds
 };
@@ -61,9 +61,9 @@ exporter_config default_exporter_config();
 // or -1 with why set.
 int load_exporter_config(const std::string& path, exporter_config& out, std::string& why);
 
-// The spec of target T: a configured name, or tcp://HOST:PORT with the
+// The settings of target T: a configured name, or tcp://HOST:PORT with the
 // defaults. Returns 0, or -1 with why set.
-int resolve_target(const exporter_config& cfg, const std::string& target, target_spec& out,
+int resolve_target(const exporter_config& cfg, const std::string& target, target_conf& out,
                    std::string& why);
 
 // Writes the text exposition format: HELP and TYPE once per family, then its
@@ -114,7 +114,7 @@ struct board_link {
 void close_link(board_link& l);
 
 // Probes one board within timeout_s and renders its metrics.
-void run_probe(const target_spec& t, double timeout_s, probe_result& out);
+void run_probe(const target_conf& t, double timeout_s, probe_result& out);
 
 // Parsers: each appends its families to w. Text is a file's contents as the
 // board sent it (cut at 8191 bytes at most: a cut last line is ignored).

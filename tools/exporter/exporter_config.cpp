@@ -97,15 +97,15 @@ void read_commands(const Json::Value& v, command_map& m, const string& where) {
     }
 }
 
-std::vector<process_spec> read_processes(const Json::Value& v, const string& where) {
+std::vector<process_conf> read_processes(const Json::Value& v, const string& where) {
     if (!v.isArray()) {
         throw runtime_error(where + " is not a list");
     }
-    std::vector<process_spec> out;
+    std::vector<process_conf> out;
     for (Json::ArrayIndex i = 0; i < v.size(); i++) {
         const Json::Value& e = v[i];
         string at = where + "[" + std::to_string(i) + "]";
-        process_spec p;
+        process_conf p;
         if (!e.isObject() || !e["name"].isString() || e["name"].asString().empty()) {
             throw runtime_error(at + ": needs a \"name\"");
         }
@@ -146,7 +146,7 @@ void check_keys(const Json::Value& v, std::initializer_list<const char*> allowed
 }
 
 // Keys, commands, processes and clock rate of one target over base.
-void read_target(const Json::Value& v, target_spec& t, const string& where) {
+void read_target(const Json::Value& v, target_conf& t, const string& where) {
     if (v.isMember("server-key")) {
         string s = v["server-key"].asString();
         t.keys = curve_keys{};
@@ -249,7 +249,7 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
             }
             check_keys(v, {"endpoint", "server-key", "key", "user-hz", "commands", "processes"},
                        at);
-            target_spec t = out.defaults;
+            target_conf t = out.defaults;
             t.endpoint = v["endpoint"].asString();
             read_target(v, t, at);
             out.targets[name] = t;
@@ -261,7 +261,7 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
     return 0;
 }
 
-int resolve_target(const exporter_config& cfg, const string& target, target_spec& out,
+int resolve_target(const exporter_config& cfg, const string& target, target_conf& out,
                    string& why) {
     auto it = cfg.targets.find(target);
     if (it != cfg.targets.end()) {

@@ -246,14 +246,14 @@ int main(int argc, char** argv) {
     svr.set_tcp_nodelay(true);
     svr.Get("/probe", [&cfg](const httplib::Request& req, httplib::Response& res) {
         std::string target = req.get_param_value("target"), err;
-        target_spec spec;
-        if (target.empty() || resolve_target(cfg, target, spec, err) != 0) {
+        target_conf conf;
+        if (target.empty() || resolve_target(cfg, target, conf, err) != 0) {
             res.status = 400;
             res.set_content((target.empty() ? "no target given" : err) + "\n", "text/plain");
             return;
         }
         probe_result r;
-        run_probe(spec, probe_timeout(req, cfg.timeout_s), r);
+        run_probe(conf, probe_timeout(req, cfg.timeout_s), r);
         record(target, r);
         send_page(req, res, r.text);
     });

@@ -34,7 +34,7 @@ struct request {
 // What a probe has in flight, and how it ended.
 class probe_session {
 public:
-    probe_session(const target_spec& t, clock_type::time_point deadline)
+    probe_session(const target_conf& t, clock_type::time_point deadline)
         : target(t), deadline(deadline) {}
     ~probe_session();
 
@@ -45,7 +45,7 @@ public:
     // Returns false with reason and why set on a failure.
     bool wait_all(const std::function<void(size_t)>& on_reply);
 
-    const target_spec& target;
+    const target_conf& target;
     clock_type::time_point deadline;
     board_link link;
     void*& sock = link.sock;
@@ -129,7 +129,7 @@ link_pool& pool() {
 }
 
 // Which links may serve a target: same endpoint, same keys.
-std::string link_key(const target_spec& t) {
+std::string link_key(const target_conf& t) {
     return t.endpoint + "\n" + t.keys.server_public + "\n" + t.keys.public_key;
 }
 
@@ -347,7 +347,7 @@ const char* reason_text(probe_reason r) {
     }
 }
 
-void run_probe(const target_spec& t, double timeout_s, probe_result& out) {
+void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
     const auto start = clock_type::now();
     probe_session s(t, start + std::chrono::microseconds(static_cast<int64_t>(timeout_s * 1e6)));
     struct source {
