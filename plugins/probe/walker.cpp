@@ -542,10 +542,12 @@ int handle(walker& w, const walker_request& req, text_out& out) {
     return 0;
 }
 
-bool read_all(int fd, void* buf, size_t n) {
-    auto* p = static_cast<uint8_t*>(buf);
+// Moves n bytes with io (a read or a send of up to k bytes at p), retrying
+// after signals; false at end of file or on an error.
+template <class Io>
+bool move_all(Io io, uint8_t* p, size_t n) {
     while (n > 0) {
-        ssize_t r = read(fd, p, n);
+        ssize_t r = io(p, n);
         if (r < 0 && errno == EINTR)
             continue;
         if (r <= 0)
@@ -556,18 +558,15 @@ bool read_all(int fd, void* buf, size_t n) {
     return true;
 }
 
+bool read_all(int fd, void* buf, size_t n) {
+    return move_all([fd](uint8_t* p, size_t k) { return read(fd, p, k); },
+                    static_cast<uint8_t*>(buf), n);
+}
+
 bool write_all(int fd, const void* buf, size_t n) {
-    auto* p = static_cast<const uint8_t*>(buf);
-    while (n > 0) {
-        ssize_t r = send(fd, p, n, MSG_NOSIGNAL);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            return false;
-        p += r;
-        n -= static_cast<size_t>(r);
-    }
-    return true;
+    // send only reads from p: the cast serves the shared loop.
+    return move_all([fd](uint8_t* p, size_t k) { return send(fd, p, k, MSG_NOSIGNAL); },
+                    const_cast<uint8_t*>(static_cast<const uint8_t*>(buf)), n);
 }
 
 }  // namespace
