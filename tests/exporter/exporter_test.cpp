@@ -29,6 +29,7 @@ struct child {
             execvp(a[0], a.data());
             _exit(127);
         }
+        end_with_test(pid);
     }
     ~child() {
         kill(pid, SIGTERM);

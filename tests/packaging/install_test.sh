@@ -7,8 +7,12 @@
 set -euo pipefail
 build=$1 example=$2 cxx=$3
 tmp=$(mktemp -d /tmp/vireo-pkg-test-XXXXXX)
-daemon=
-cleanup() { [ -n "$daemon" ] && kill "$daemon" 2>/dev/null; rm -rf "$tmp"; }
+daemon= watchdog=
+cleanup() {
+  [ -n "$watchdog" ] && kill "$watchdog" 2>/dev/null
+  [ -n "$daemon" ] && kill "$daemon" 2>/dev/null
+  rm -rf "$tmp"
+}
 trap cleanup EXIT
 fail() { echo "FAIL: $*" >&2; [ -f "$tmp/err" ] && cat "$tmp/err" >&2; exit 1; }
 p=$tmp/usr
@@ -60,6 +64,10 @@ grep -q "\"port\": $port" "$tmp/main.json" || fail "port not rewritten"
 
 (cd / && exec "$p/sbin/vireo-monitor" -c "$tmp/main.json" 2>"$tmp/err") &
 daemon=$!
+# Ends the daemon when this script ends without its trap (a ctest timeout
+# sends SIGKILL).
+(while kill -0 $$ 2>/dev/null; do sleep 1; done; kill -9 "$daemon") >/dev/null 2>&1 &
+watchdog=$!
 client() { "$p/bin/vireo-client" -e "tcp://127.0.0.1:$port" -t 3000 "$@"; }
 for _ in $(seq 50); do client -t 200 take-id >/dev/null 2>&1 && break; sleep 0.2; done
 

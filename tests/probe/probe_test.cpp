@@ -42,6 +42,8 @@ struct helper_process {
             execv(VIREO_PROBE_HELPER, cargv.data());
             _exit(127);
         }
+        setpgid(pid, pid);
+        end_with_test(pid);
         close(sv[1]);
         fd = sv[0];
     }

@@ -35,6 +35,7 @@ public:
             for (;;) pause();
         }
         char c;
+        end_with_test(pid);
         close(ready[1]);
         if (pid > 0 && read(ready[0], &c, 1) != 1)
             pid = -1;

@@ -53,6 +53,7 @@ std::string run_daemon(const temp_dir& dir, std::vector<std::string> args, bool 
         execv(argv[0], argv.data());
         _exit(127);
     }
+    end_with_test(child);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     int status;
     while (waitpid(child, &status, WNOHANG) == 0) {

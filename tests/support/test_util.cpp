@@ -1,5 +1,6 @@
 #include "test_util.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -143,6 +145,71 @@ std::string test_plugin_dir() {
     return VIREO_TEST_PLUGIN_DIR;
 }
 
+namespace {
+// Field 22 of /proc/PID/stat, the start time: tells a registered child from a
+// later process that got its pid. Only read(2) and no allocation, since the
+// watchdog runs it in a child forked from a threaded process.
+unsigned long long start_time(pid_t pid) {
+    char path[32], buf[1024];
+    snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    ssize_t n = read(fd, buf, sizeof buf - 1);
+    close(fd);
+    if (n <= 0) return 0;
+    buf[n] = 0;
+    const char* p = strrchr(buf, ')');  // the name may hold spaces
+    for (int field = 2; p && field < 22; field++) p = strchr(p + 1, ' ');
+    return p ? strtoull(p + 1, nullptr, 10) : 0;
+}
+
+struct watched { pid_t pid; unsigned long long start; };
+
+// The watchdog: a process of its own that holds the read end of a pipe whose
+// write end only the test holds. The pipe ends when the test does, for any
+// reason; then every registered child still alive (same pid, same start
+// time) is killed with its process group. PR_SET_PDEATHSIG cannot do this:
+// it is not delivered on every kernel the suite runs on.
+[[noreturn]] void watchdog(int fd) {
+    static watched list[8192];
+    size_t count = 0;
+    watched w;
+    while (read(fd, &w, sizeof w) == static_cast<ssize_t>(sizeof w))
+        list[count++ % 8192] = w;
+    for (size_t i = 0; i < count && i < 8192; i++)
+        if (list[i].start != 0 && start_time(list[i].pid) == list[i].start) {
+            kill(-list[i].pid, SIGKILL);
+            kill(list[i].pid, SIGKILL);
+        }
+    _exit(0);
+}
+}  // namespace
+
+void end_with_test(pid_t child) {
+    static std::mutex lock;
+    static int watch_fd = -1;
+    if (child <= 0) return;
+    std::lock_guard<std::mutex> hold(lock);
+    if (watch_fd < 0) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) return;
+        pid_t pid = fork();
+        if (pid == 0) {
+            int null = open("/dev/null", O_RDWR);
+            dup2(null, 0), dup2(null, 1), dup2(null, 2);  // not ctest's output pipe
+            dup2(fds[0], 3);
+            close_range(4, ~0U, 0);  // no port or socket of the test's stays open
+            watchdog(3);
+        }
+        close(fds[0]);
+        watch_fd = fds[1];
+    }
+    watched w{child, 0};
+    for (int i = 0; i < 100 && w.start == 0; i++)  // the child's /proc entry is there at once
+        w.start = start_time(child);
+    (void)!write(watch_fd, &w, sizeof w);
+}
+
 daemon_process::daemon_process(const std::vector<std::string>& args) {
     char out_tmpl[] = "/tmp/vireo-daemon-out-XXXXXX", err_tmpl[] = "/tmp/vireo-daemon-err-XXXXXX";
     int out_fd = mkstemp(out_tmpl), err_fd = mkstemp(err_tmpl);
@@ -156,18 +223,21 @@ daemon_process::daemon_process(const std::vector<std::string>& args) {
     argv.push_back(nullptr);
     child = fork();
     if (child == 0) {
+        setpgid(0, 0);  // its walkers end with it
         dup2(out_fd, 1);
         dup2(err_fd, 2);
         execv(argv[0], argv.data());
         _exit(127);
     }
+    setpgid(child, child);
+    end_with_test(child);
     close(out_fd);
     close(err_fd);
 }
 
 daemon_process::~daemon_process() {
     if (child > 0 && !exited) {
-        kill(child, SIGKILL);
+        kill(-child, SIGKILL);
         waitpid(child, &status, 0);
     }
     unlink(out_file.c_str());

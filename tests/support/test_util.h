@@ -85,6 +85,12 @@ std::vector<std::string> emulator_prefix();
 // A directory of plug-ins built by the test build.
 std::string test_plugin_dir();
 
+// Registers a child that this test forked (in the parent, right after the
+// fork): it and its process group are killed when the test process ends,
+// however it ends (a ctest timeout sends SIGKILL, and no destructor runs
+// then). A child that wants its own children ended too calls setpgid(0, 0).
+void end_with_test(pid_t child);
+
 // The real daemon, started with args; stdout and stderr go to files. Killed
 // by PID on destruction.
 class daemon_process {
