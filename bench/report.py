@@ -33,8 +33,8 @@ def delta(a, b):
     return None if a is None or b is None else a - b
 
 
-def fmt(v, spec="%.2f"):
-    return "-" if v is None else spec % v
+def fmt(v, form="%.2f"):
+    return "-" if v is None else form % v
 
 
 def describe(case):
