@@ -32,6 +32,7 @@ run-exporter: build
 
 # Daemon against its bare ZeroMQ topology; report in build/bench/.
 bench: build
+	scripts/bootstrap python3 python3-matplotlib
 	bench/run $(BUILD_DIR)
 
 # Each fuzz target for FUZZ_SECONDS (default 60).

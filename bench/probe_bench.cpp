@@ -13,6 +13,8 @@
 //                   its rate unsampled (medians of alternating windows); on
 //                   a loaded machine the scheduler's share dominates it, so
 //   work_ratio_cpu  the same per CPU second of the working thread
+// or, with --threads N,N,..., only "RESULT walk_ms_threads N MS": the median
+// of 10 probe_stack walks of a target with N threads, for each N.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -195,6 +197,32 @@ work work_rate(const std::string& ep, pid_t target, double secs, double rate) {
     return w;
 }
 
+int walks_by_threads(const std::string& ep, const char* list) {
+    probe_client c(ep);
+    for (const char* p = list; *p != 0;) {
+        char* end = nullptr;
+        long n = strtol(p, &end, 10);
+        if (end == p || n < 1 || n > 1000)
+            return 64;
+        pid_t target = start_target(static_cast<int>(n));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        c.ask(2, target);  // the walker starts and loads the symbols once
+        std::vector<double> ms;
+        for (int i = 0; i < 10; i++) {
+            auto w = clock_type::now();
+            if (c.ask(2, target).empty())
+                break;
+            ms.push_back(seconds_since(w) * 1000);
+        }
+        printf("RESULT walk_ms_threads %ld %.2f\n", n, median(ms));
+        fflush(stdout);
+        kill(target, SIGKILL);
+        waitpid(target, nullptr, 0);
+        p = *end == ',' ? end + 1 : end;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -206,6 +234,8 @@ int main(int argc, char** argv) {
     double secs = argc > 2 ? atof(argv[2]) : 3;
     void* shared = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     work_done = new (shared) std::atomic<unsigned long>(0);
+    if (argc > 4 && strcmp(argv[3], "--threads") == 0)
+        return walks_by_threads(ep, argv[4]);
     pid_t target = start_target(11);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     probe_client c(ep);
