@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "common_func.h"
+#include "wire/frame.h"
 
 namespace {
 
@@ -81,36 +82,27 @@ struct in_flight {
 constexpr size_t reply_capacity = 8192 + 48 + 64;
 
 std::vector<uint8_t> make_frame(const options& o) {
-    std::vector<uint8_t> frame(48, 0);
-    auto* f = reinterpret_cast<data_struct*>(frame.data());
-    f->command = static_cast<int32_t>(o.command);
-    f->sub_command = static_cast<int32_t>(o.sub_command);
-    f->msg_len = 0;
+    std::vector<uint8_t> payload;
     if (o.pid >= 0) {
-        uint32_t pid = static_cast<uint32_t>(o.pid);
-        for (int i = 0; i < 4; i++) {
-            f->msg[i] = static_cast<uint8_t>(pid >> (8 * i));
-        }
-        f->msg_len = 4;
+        payload.resize(4);
+        u32_to_u8(static_cast<uint32_t>(o.pid), payload.data());
     }
-    return frame;
+    return pack_request(o.command, o.sub_command, payload);
 }
 
-// True when frame (n bytes as ZeroMQ reported them) answers command/sub.
+// True when frame (n bytes as ZeroMQ reported them) answers command/sub with
+// a payload, and is exactly as long as its msg_len says.
 bool reply_ok(const options& o, const uint8_t* frame, int n, uint32_t command,
               uint32_t sub_command) {
-    if (n < 12 || static_cast<size_t>(n) > reply_capacity) {
+    data_struct h;
+    if (n < 0 || static_cast<size_t>(n) > reply_capacity ||
+        read_reply_header(frame, static_cast<size_t>(n), command, sub_command, h) != 0) {
         return false;
     }
-    const auto* r = reinterpret_cast<const data_struct*>(frame);
-    if (static_cast<uint32_t>(r->command) != command ||
-        static_cast<uint32_t>(r->sub_command) != sub_command) {
+    if (h.msg_len <= 0 || n != h.msg_len + 48) {
         return false;
     }
-    if (r->msg_len <= 0 || n != r->msg_len + 48) {
-        return false;
-    }
-    return o.expect_len < 0 || r->msg_len == o.expect_len;
+    return o.expect_len < 0 || h.msg_len == o.expect_len;
 }
 
 void* open_socket(void* ctx, const options& o) {

@@ -1,5 +1,5 @@
 // CURVE key files of the client: reading them and making a new pair.
-#include "client_keys.h"
+#include "wire/keys.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
