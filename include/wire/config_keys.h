@@ -88,9 +88,6 @@ inline const char* key_name(config_key_id id) {
 // The key called name in scope, or null when the daemon does not read it.
 const config_key* find_config_key(config_scope scope, const std::string& name);
 
-// The scope's name as a reader sees it ("main file", "cmd-list entry", ...).
-const char* scope_name(config_scope scope);
-
 // The table as text, one key per line: scope, name, kind, required or
 // optional, range, and its line of documentation.
 std::string config_keys_text();

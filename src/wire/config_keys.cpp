@@ -7,6 +7,25 @@ namespace {
 constexpr int64_t any_min = 1, any_max = 0;
 using S = config_scope;
 using K = value_kind;
+
+// The scope's name as a reader sees it.
+const char* scope_name(config_scope scope) {
+    switch (scope) {
+        case S::main:
+            return "main file";
+        case S::group:
+            return "sub-configs element";
+        case S::sub:
+            return "sub-configuration file";
+        case S::entry:
+            return "cmd-list entry";
+        case S::security:
+            return "security";
+        case S::client:
+            return "client";
+    }
+    return "?";
+}
 }  // namespace
 
 // clang-format off
@@ -45,24 +64,6 @@ const config_key* find_config_key(config_scope scope, const std::string& name) {
         }
     }
     return nullptr;
-}
-
-const char* scope_name(config_scope scope) {
-    switch (scope) {
-        case S::main:
-            return "main file";
-        case S::group:
-            return "sub-configs element";
-        case S::sub:
-            return "sub-configuration file";
-        case S::entry:
-            return "cmd-list entry";
-        case S::security:
-            return "security";
-        case S::client:
-            return "client";
-    }
-    return "?";
 }
 
 std::string config_keys_text() {

@@ -48,15 +48,13 @@ struct client_keys {
 // refused connection or handshake ends the wait early with its own result:
 // - a handshake refused by authentication (ZAP status) or failed on a
 //   protocol error (e.g. a mechanism mismatch) ends it at once;
-// - otherwise it ends after max_failed_attempts connection attempts in a row
+// - otherwise it ends after conn_watch::max_failed_attempts attempts in a row
 //   failed (no TCP connection, no address for the host, or the peer closing
 //   during the handshake), or at the timeout when at least one had failed.
 // libzmq tells that an attempt failed but not why, so a failed TCP connection
 // is then tried once more with a plain connect() to learn the errno.
 class client_conn {
 public:
-    static constexpr int max_failed_attempts = conn_watch::max_failed_attempts;
-
     client_conn(const std::string& endpoint, int timeout_ms, const client_keys& keys = {});
     ~client_conn();
     client_conn(const client_conn&) = delete;
