@@ -122,9 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint8_t names[8] = {};
     memcpy(names, data, size < 8 ? size : 8);
     data_struct header;
-    if (n >= 12 &&
-        read_reply_header(reply, static_cast<size_t>(n), u8_to_u32(names), u8_to_u32(names + 4),
-                          header) != 0)
+    if (n >= 12 && read_reply_header(reply, static_cast<size_t>(n), u8_to_u32(names),
+                                     u8_to_u32(names + 4), header) != 0)
         fail("reply names another command");
     if (ret <= max_reply_len && ret >= -40 && n != ret + 48)
         fail("reply length differs from the result");

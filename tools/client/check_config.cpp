@@ -215,9 +215,10 @@ public:
         std::string name = std::string("\"") + key + "\": ";
         size_t used = 0;
         if (int rc = parse_hex_code(t, out, &used); rc != 0) {
-            error(src.at(v), name + "\"" + t +
-                                 (rc == -EINVAL ? "\" has no hexadecimal digits"
-                                                : "\" is out of range (-0x80000000 to 0x7fffffff)"));
+            error(src.at(v),
+                  name + "\"" + t +
+                      (rc == -EINVAL ? "\" has no hexadecimal digits"
+                                     : "\" is out of range (-0x80000000 to 0x7fffffff)"));
             return false;
         }
         char hexed[16];
@@ -435,7 +436,8 @@ void checker::plugin(const source& src, const Json::Value& e, const std::string&
     void* h = dlopen(lib.c_str(), RTLD_LAZY);
     if (h == nullptr) {
         const char* why = dlerror();
-        error(src.at(e[key_name(key_lib)]), "cannot load \"" + lib + "\": " + (why ? why : "unknown reason"));
+        error(src.at(e[key_name(key_lib)]),
+              "cannot load \"" + lib + "\": " + (why ? why : "unknown reason"));
         return;
     }
     libraries.push_back(h);
@@ -443,7 +445,7 @@ void checker::plugin(const source& src, const Json::Value& e, const std::string&
     if (dlsym(h, sym.c_str()) == nullptr) {
         const char* why = dlerror();
         error(src.at(e[key_name(key_symbols)]), "no function \"" + sym + "\" in \"" + lib +
-                                        "\": " + (why ? why : "its address is null"));
+                                                    "\": " + (why ? why : "its address is null"));
     }
 }
 

@@ -64,7 +64,8 @@ void read_group(const std::string& cls, uint32_t code, const Json::Value& root,
             c.kind = c.target.find('$') == std::string::npos ? "file" : "$pid file";
         } else if (type.asString() == "custom") {
             c.kind = "custom";
-            c.target = need(e, key_lib, path).asString() + ":" + need(e, key_symbols, path).asString();
+            c.target =
+                need(e, key_lib, path).asString() + ":" + need(e, key_symbols, path).asString();
         } else {
             continue;  // the daemon skips an unknown type as well
         }
@@ -83,7 +84,8 @@ void read_client_keys(const Json::Value& root, const std::string& path, client_c
     if (!c.isObject()) {
         throw std::runtime_error("\"client\" is not an object in " + path);
     }
-    for (auto [key, dest] : {std::pair{key_name(key_server_key), &out.server_key}, {key_name(key_client_key), &out.key}}) {
+    for (auto [key, dest] : {std::pair{key_name(key_server_key), &out.server_key},
+                             {key_name(key_client_key), &out.key}}) {
         if (c.isMember(key)) {
             if (!c[key].isString()) {
                 throw std::runtime_error("\"client\": \"" + std::string(key) +

@@ -110,7 +110,7 @@ void* probe_context();
 struct board_link {
     void* sock = nullptr;
     void* mon = nullptr;  // PAIR socket receiving the monitor's events, or null
-    conn_watch watch;  // what its monitor has told
+    conn_watch watch;     // what its monitor has told
     std::chrono::steady_clock::time_point idle_since;
 };
 void close_link(board_link& l);
