@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "common_func.h"
+#include "wire/frame.h"
 
 namespace {
 
@@ -55,11 +56,7 @@ void worker(void* context) {
             n = read(file_fd, rsp->msg, max_payload - 1);
         }
         int len = n < 0 ? -1 : static_cast<int>(n);
-        rsp->command = req->command;
-        rsp->sub_command = req->sub_command;
-        rsp->msg_len = len;
-        rsp->msg_type = 0x30;
-        rsp->command_type = 0x31;
+        fill_reply_header(*rsp, *req, len);
         rsp->client_id = 0xFF;
         zmq_send(rep, rsp, static_cast<size_t>(len + 48), 0);
     }

@@ -22,8 +22,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "common_func.h"
+#include "wire/frame.h"
 
 namespace {
 
@@ -81,36 +82,27 @@ struct in_flight {
 constexpr size_t reply_capacity = 8192 + 48 + 64;
 
 std::vector<uint8_t> make_frame(const options& o) {
-    std::vector<uint8_t> frame(48, 0);
-    auto* f = reinterpret_cast<data_struct*>(frame.data());
-    f->command = static_cast<int32_t>(o.command);
-    f->sub_command = static_cast<int32_t>(o.sub_command);
-    f->msg_len = 0;
+    std::vector<uint8_t> payload;
     if (o.pid >= 0) {
-        uint32_t pid = static_cast<uint32_t>(o.pid);
-        for (int i = 0; i < 4; i++) {
-            f->msg[i] = static_cast<uint8_t>(pid >> (8 * i));
-        }
-        f->msg_len = 4;
+        payload.resize(4);
+        u32_to_u8(static_cast<uint32_t>(o.pid), payload.data());
     }
-    return frame;
+    return pack_request(o.command, o.sub_command, payload);
 }
 
-// True when frame (n bytes as ZeroMQ reported them) answers command/sub.
+// True when frame (n bytes as ZeroMQ reported them) answers command/sub with
+// a payload, and is exactly as long as its msg_len says.
 bool reply_ok(const options& o, const uint8_t* frame, int n, uint32_t command,
               uint32_t sub_command) {
-    if (n < 12 || static_cast<size_t>(n) > reply_capacity) {
+    data_struct h;
+    if (n < 0 || static_cast<size_t>(n) > reply_capacity ||
+        read_reply_header(frame, static_cast<size_t>(n), command, sub_command, h) != 0) {
         return false;
     }
-    const auto* r = reinterpret_cast<const data_struct*>(frame);
-    if (static_cast<uint32_t>(r->command) != command ||
-        static_cast<uint32_t>(r->sub_command) != sub_command) {
+    if (h.msg_len <= 0 || n != h.msg_len + 48) {
         return false;
     }
-    if (r->msg_len <= 0 || n != r->msg_len + 48) {
-        return false;
-    }
-    return o.expect_len < 0 || r->msg_len == o.expect_len;
+    return o.expect_len < 0 || h.msg_len == o.expect_len;
 }
 
 void* open_socket(void* ctx, const options& o) {
@@ -163,17 +155,57 @@ void run_req(void* s, const options& o, long count, bool record, clock_type::tim
         }
         res.ok++;
         if (record) {
-            res.rtt_ns.push_back(static_cast<uint32_t>(
-                std::min<int64_t>(UINT32_MAX, std::chrono::duration_cast<std::chrono::nanoseconds>(t1 - t0).count())));
+            res.rtt_ns.push_back(static_cast<uint32_t>(std::min<int64_t>(
+                UINT32_MAX,
+                std::chrono::duration_cast<std::chrono::nanoseconds>(t1 - t0).count())));
         }
     }
+}
+
+// One reply on a DEALER socket: the empty delimiter part, then the frame
+// (n its size, -1 when the message is not shaped so); further parts are
+// drained. False when nothing came before the receive timeout.
+bool recv_dealer_reply(void* s, std::vector<uint8_t>& reply, int& n) {
+    char delim[8];
+    int d = zmq_recv(s, delim, sizeof delim, 0);
+    if (d < 0) {
+        return false;
+    }
+    int more = 0;
+    size_t more_size = sizeof more;
+    zmq_getsockopt(s, ZMQ_RCVMORE, &more, &more_size);
+    n = -1;
+    if (d == 0 && more) {
+        n = zmq_recv(s, reply.data(), reply.size(), 0);
+        zmq_getsockopt(s, ZMQ_RCVMORE, &more, &more_size);
+    }
+    for (int guard = 0; more && guard < 64; guard++) {
+        if (zmq_recv(s, delim, sizeof delim, 0) < 0) {
+            break;
+        }
+        zmq_getsockopt(s, ZMQ_RCVMORE, &more, &more_size);
+    }
+    return true;
+}
+
+// The oldest request in flight that the reply (n bytes) answers, or
+// pending.size() when none.
+size_t match_reply(const std::vector<in_flight>& pending, const uint8_t* reply, int n) {
+    for (size_t i = 0; n >= 0 && i < pending.size(); i++) {
+        data_struct h;
+        if (read_reply_header(reply, static_cast<size_t>(n), pending[i].command,
+                              pending[i].sub_command, h) == 0) {
+            return i;
+        }
+    }
+    return pending.size();
 }
 
 // DEALER client: keeps up to o.pipeline requests in flight. Replies may come
 // back out of order (five workers); each is matched to the oldest request in
 // flight with the same command and sub-command.
-void run_dealer(void* s, const options& o, long count, bool record,
-                clock_type::time_point deadline, client_result& res) {
+void run_dealer(void* s, const options& o, long count, bool record, clock_type::time_point deadline,
+                client_result& res) {
     std::vector<uint8_t> request = make_frame(o);
     std::vector<uint8_t> reply(reply_capacity);
     std::vector<in_flight> pending;
@@ -199,40 +231,12 @@ void run_dealer(void* s, const options& o, long count, bool record,
         if (clock_type::now() > deadline) {
             break;
         }
-        // Delimiter part first, then the frame.
-        char delim[8];
-        int d = zmq_recv(s, delim, sizeof delim, 0);
-        if (d < 0) {
+        int n = 0;
+        if (!recv_dealer_reply(s, reply, n)) {
             break;  // timeout: everything in flight is lost
         }
-        int more = 0;
-        size_t more_size = sizeof more;
-        zmq_getsockopt(s, ZMQ_RCVMORE, &more, &more_size);
-        int n = -1;
-        if (d == 0 && more) {
-            n = zmq_recv(s, reply.data(), reply.size(), 0);
-            zmq_getsockopt(s, ZMQ_RCVMORE, &more, &more_size);
-        }
         auto t1 = clock_type::now();
-        // Drain any unexpected further parts of this message.
-        for (int guard = 0; more && guard < 64; guard++) {
-            if (zmq_recv(s, delim, sizeof delim, 0) < 0) {
-                break;
-            }
-            zmq_getsockopt(s, ZMQ_RCVMORE, &more, &more_size);
-        }
-
-        size_t match = pending.size();
-        if (n >= 12) {
-            const auto* r = reinterpret_cast<const data_struct*>(reply.data());
-            for (size_t i = 0; i < pending.size(); i++) {
-                if (pending[i].command == static_cast<uint32_t>(r->command) &&
-                    pending[i].sub_command == static_cast<uint32_t>(r->sub_command)) {
-                    match = i;
-                    break;
-                }
-            }
-        }
+        size_t match = match_reply(pending, reply.data(), n);
         if (match == pending.size()) {
             // Answers nothing we asked: retire the oldest so the run goes on.
             res.wrong++;
@@ -245,7 +249,8 @@ void run_dealer(void* s, const options& o, long count, bool record,
                 if (record) {
                     res.rtt_ns.push_back(static_cast<uint32_t>(std::min<int64_t>(
                         UINT32_MAX,
-                        std::chrono::duration_cast<std::chrono::nanoseconds>(t1 - f.sent).count())));
+                        std::chrono::duration_cast<std::chrono::nanoseconds>(t1 - f.sent)
+                            .count())));
                 }
             } else {
                 res.wrong++;
@@ -442,7 +447,8 @@ int main(int argc, char* argv[]) {
 
     void* ctx = zmq_ctx_new();
     zmq_ctx_set(ctx, ZMQ_IO_THREADS, o.io_threads);
-    auto deadline = clock_type::now() + std::chrono::milliseconds(static_cast<long>(o.max_seconds * 1000));
+    auto deadline =
+        clock_type::now() + std::chrono::milliseconds(static_cast<long>(o.max_seconds * 1000));
 
     start_gate gate;
     std::vector<client_result> results(static_cast<size_t>(o.clients));
@@ -480,14 +486,16 @@ int main(int argc, char* argv[]) {
     double p50 = percentile_us(all, 50), p90 = percentile_us(all, 90);
     double p99 = percentile_us(all, 99), pmax = all.empty() ? 0 : all.back() / 1000.0;
 
-    printf("RESULT label=%s clients=%d pipeline=%d requests=%ld ok=%ld lost=%ld wrong=%ld "
-           "unsent=%ld seconds=%.3f rps=%.0f p50_us=%.1f p90_us=%.1f p99_us=%.1f max_us=%.1f\n",
-           o.label.c_str(), o.clients, o.pipeline, o.requests * o.clients, ok, lost, wrong, unsent,
-           seconds, rps, p50, p90, p99, pmax);
-    printf("%s: %d client(s) x %ld request(s)%s: %.0f req/s, round trip p50 %.1f us, p90 %.1f us, "
-           "p99 %.1f us, max %.1f us; %ld lost, %ld wrong, %ld unsent\n",
-           o.label.c_str(), o.clients, o.requests,
-           o.pipeline > 1 ? (", " + std::to_string(o.pipeline) + " in flight").c_str() : "", rps,
-           p50, p90, p99, pmax, lost, wrong, unsent);
+    printf(
+        "RESULT label=%s clients=%d pipeline=%d requests=%ld ok=%ld lost=%ld wrong=%ld "
+        "unsent=%ld seconds=%.3f rps=%.0f p50_us=%.1f p90_us=%.1f p99_us=%.1f max_us=%.1f\n",
+        o.label.c_str(), o.clients, o.pipeline, o.requests * o.clients, ok, lost, wrong, unsent,
+        seconds, rps, p50, p90, p99, pmax);
+    printf(
+        "%s: %d client(s) x %ld request(s)%s: %.0f req/s, round trip p50 %.1f us, p90 %.1f us, "
+        "p99 %.1f us, max %.1f us; %ld lost, %ld wrong, %ld unsent\n",
+        o.label.c_str(), o.clients, o.requests,
+        o.pipeline > 1 ? (", " + std::to_string(o.pipeline) + " in flight").c_str() : "", rps, p50,
+        p90, p99, pmax, lost, wrong, unsent);
     return (lost == 0 && wrong == 0 && unsent == 0) ? 0 : 1;
 }

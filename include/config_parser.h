@@ -10,13 +10,10 @@
 #include <string>
 #include <unordered_map>
 
-#include "client_keys.h"
+#include "wire/config_keys.h"
+#include "wire/keys.h"
 
 class comm_data;
-
-// Command codes and ids are hexadecimal text, with or without "0x"; trailing
-// text is ignored; no digits or a value outside int32 throws "stoi".
-uint32_t hex_code(const std::string& text);
 
 // A plug-in's entry point: called on the worker thread that received the
 // request, with that worker's connection. Returns the reply payload length it

@@ -48,7 +48,9 @@ public:
     int ack_msg(int len);
 
     // Sends len bytes of buf as a multi-part reply of max_send_len + 48 byte
-    // packets. Returns 0 or -1. Nothing in the daemon calls it.
+    // packets. Returns 0 or -1. Nothing in the daemon calls it: its packets
+    // carry this object's own fields, not the data; send_reply (wire/reply.h)
+    // is the sender to use.
     int ack_more_msg(uint8_t* buf, int len);
 
     void* get_socket() { return socket; }

@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "client_keys.h"
+#include "wire/keys.h"
 
 class zap_handler {
 public:

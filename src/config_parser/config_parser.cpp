@@ -7,10 +7,6 @@
 
 #define LOG_TAG "MONITOR_CONFIG"
 
-uint32_t hex_code(const std::string& text) {
-    return static_cast<uint32_t>(std::stoi(text, nullptr, 16));
-}
-
 json_config::json_config(const std::string& json) {
     Json::CharReaderBuilder builder;
     std::string errs;
@@ -54,19 +50,19 @@ Json::Value config_parser::search_key(Json::Value& root, const std::string& key)
 bool config_parser::parse_main_config() {
     try {
         mconfig = std::make_unique<main_config>(main_file);
-        mconfig->mode = search_key(mconfig->root, "mode").asString();
-        mconfig->ip = search_key(mconfig->root, "server_ip").asString();
-        mconfig->port = search_key(mconfig->root, "port").asInt();
+        mconfig->mode = search_key(mconfig->root, key_name(key_mode)).asString();
+        mconfig->ip = search_key(mconfig->root, key_name(key_server_ip)).asString();
+        mconfig->port = search_key(mconfig->root, key_name(key_port)).asInt();
 
-        Json::Value configs = search_key(mconfig->root, "sub-configs");
+        Json::Value configs = search_key(mconfig->root, key_name(key_sub_configs));
         for (uint32_t i = 0; i < configs.size(); i++) {
             Json::Value sub = configs[i];
-            std::string name = search_key(sub, "class").asString();
-            uint32_t code = hex_code(search_key(sub, "code").asString());
-            std::string configFile = search_key(sub, "config").asString();
+            std::string name = search_key(sub, key_name(key_class)).asString();
+            uint32_t code = hex_code(search_key(sub, key_name(key_code)).asString());
+            std::string configFile = search_key(sub, key_name(key_config)).asString();
             bool disable = false;
-            if (sub.isMember("disable")) {
-                disable = sub["disable"].asBool();
+            if (sub.isMember(key_name(key_group_disable))) {
+                disable = sub[key_name(key_group_disable)].asBool();
             }
             // The file is opened and parsed even when the code turns out to
             // be a duplicate.
@@ -75,8 +71,8 @@ bool config_parser::parse_main_config() {
             // The first group with a code wins.
             mconfig->subs_map.emplace(code, sc);
         }
-        if (mconfig->root.isMember("security")) {
-            parse_security(mconfig->root["security"]);
+        if (mconfig->root.isMember(key_name(key_security))) {
+            parse_security(mconfig->root[key_name(key_security)]);
         }
         return true;
     } catch (const std::exception& e) {
@@ -89,8 +85,8 @@ bool config_parser::parse_main_config() {
 void config_parser::parse_security(const Json::Value& security) {
     Json::Value sec = security;
     main_config& mc = *mconfig;
-    mc.secret_key_file = search_key(sec, "secret-key").asString();
-    mc.authorized_keys_file = search_key(sec, "authorized-keys").asString();
+    mc.secret_key_file = search_key(sec, key_name(key_secret_key)).asString();
+    mc.authorized_keys_file = search_key(sec, key_name(key_authorized_keys)).asString();
     std::string error;
     if (read_key_file(mc.secret_key_file, mc.secret_key, error) != 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Secret key %s: %s\n",
@@ -118,24 +114,24 @@ bool config_parser::parse_sub_config() {
     try {
         for (auto& entry : mconfig->subs_map) {
             std::shared_ptr<sub_config> cfg = entry.second;
-            Json::Value cmds = search_key(cfg->root, "cmd-list");
+            Json::Value cmds = search_key(cfg->root, key_name(key_cmd_list));
             for (uint32_t i = 0; i < cmds.size(); i++) {
                 Json::Value element = cmds[i];
-                std::string name = search_key(element, "name").asString();
-                uint32_t id = hex_code(search_key(element, "id").asString());
+                std::string name = search_key(element, key_name(key_entry_name)).asString();
+                uint32_t id = hex_code(search_key(element, key_name(key_id)).asString());
                 std::shared_ptr<mon_cmd> mn;
-                if (search_key(element, "type").asString() == "file") {
-                    std::string file = search_key(element, "file").asString();
+                if (search_key(element, key_name(key_type)).asString() == "file") {
+                    std::string file = search_key(element, key_name(key_cmd_file)).asString();
                     mn = std::make_shared<mon_cmd>(name, id, file);
-                    if (element.isMember("read-all")) {
-                        mn->read_all = element["read-all"].asBool();
+                    if (element.isMember(key_name(key_read_all))) {
+                        mn->read_all = element[key_name(key_read_all)].asBool();
                     }
-                } else if (search_key(element, "type").asString() == "custom") {
-                    std::string lib = search_key(element, "lib").asString();
-                    std::string sym = search_key(element, "symbols").asString();
+                } else if (search_key(element, key_name(key_type)).asString() == "custom") {
+                    std::string lib = search_key(element, key_name(key_lib)).asString();
+                    std::string sym = search_key(element, key_name(key_symbols)).asString();
                     bool detach = false;
-                    if (element.isMember("detach")) {
-                        detach = element["detach"].asBool();
+                    if (element.isMember(key_name(key_detach))) {
+                        detach = element[key_name(key_detach)].asBool();
                     }
                     mn = std::make_shared<mon_cmd>(name, id, lib, sym, detach);
                     // Loaded even for a duplicate id, which releases it again.
@@ -145,11 +141,11 @@ bool config_parser::parse_sub_config() {
                     // which fails the whole load.
                     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                         "Not support cmd type:%s, skiping\n",
-                                        element["type"].asCString());
+                                        element[key_name(key_type)].asCString());
                     continue;
                 }
-                if (element.isMember("disable")) {
-                    mn->enabled = !element["disable"].asBool();
+                if (element.isMember(key_name(key_disable))) {
+                    mn->enabled = !element[key_name(key_disable)].asBool();
                 }
                 // The first command with an id wins.
                 cfg->cmds.emplace(id, mn);

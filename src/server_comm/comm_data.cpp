@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "server_comm.h"
+#include "wire/frame.h"
 
 #define LOG_TAG "MONITOR_COMM"
 
@@ -101,12 +102,8 @@ int comm_data::ack_msg(int len) {
                             max_send_len);
         return -1;
     }
-    send_data->command = recv_data->command;
-    send_data->sub_command = recv_data->sub_command;
+    fill_reply_header(*send_data, *recv_data, len);
     send_data->client_id = 0xFF;
-    send_data->msg_len = len;
-    send_data->msg_type = 0x30;
-    send_data->command_type = 0x31;
     send_data->sum_packet = 0;
     send_data->cur_packet = 0;
     send_data->crc = crc32(send_data->msg, len, crc_32_MPEG2);
@@ -129,11 +126,7 @@ int comm_data::ack_msg(int len) {
 
 int comm_data::ack_more_msg(uint8_t* buf, int len) {
     const int32_t P = max_send_len;
-    send_data->command = recv_data->command;
-    send_data->sub_command = recv_data->sub_command;
-    send_data->msg_len = len < 0 ? 0 : len;
-    send_data->msg_type = 0x30;
-    send_data->command_type = 0x31;
+    fill_reply_header(*send_data, *recv_data, len < 0 ? 0 : len);
     int32_t sum = len / P;
     if (len % P != 0) {
         sum += 1;

@@ -1,6 +1,7 @@
 // vireo-client check-config on broken configurations: the exact line each
 // problem gets and the exit status, through the real binary.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "test_util.h"
@@ -38,6 +39,8 @@ TEST(check_config, reports_each_problem_where_it_is) {
          "sub.json:1:69: error: no function \"nope\" in \"LIB\": LIB: undefined symbol: nope", 1},
         {"GOOD", R"("security": {"secret-key": "no.key", "authorized-keys": "sub.json"}, )", "ENTRY",
          R"(main.json:1:82: error: cannot open "no.key": No such file or directory)", 1},
+        {"GOOD", R"("security": {"secret-key": "server.key", "authorized-keys": "twice.keys"}, )", "ENTRY",
+         "twice.keys:2:1: error: key listed twice", 1},
         {"GOOD", "unreadable", "ENTRY", R"(nothing.json: error: cannot open "nothing.json": No such file or directory)", 78}};
     // clang-format on
     for (const auto& row : rows) {
@@ -52,6 +55,10 @@ TEST(check_config, reports_each_problem_where_it_is) {
         dir.write("sub.json",
                   R"({"cmd-list": [)" +
                       replace_all(replace_all(row.entries, "ENTRY", entry), "LIB", lib) + "]}");
+        // A valid key, and an authorized-keys file that lists it twice.
+        const std::string key = "0123456789abcdefghij0123456789abcdefghij";
+        chmod(dir.write("server.key", key + "\n").c_str(), 0600);
+        dir.write("twice.keys", key + " a *\n" + key + " b 10\n");
         std::string out = dir.path() + "/out";
         int st = system(("cd " + dir.path() +
                          " && timeout -s KILL 20 " VIREO_CLIENT_BIN " check-config " + main_file +

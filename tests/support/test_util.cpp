@@ -17,6 +17,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "wire/frame.h"
+
 namespace fs = std::filesystem;
 
 temp_dir::temp_dir() {
@@ -58,11 +60,10 @@ int free_port() {
 
 std::vector<uint8_t> make_request_len(uint32_t command, uint32_t sub_command,
                                       const std::vector<uint8_t>& payload, int32_t msg_len) {
-    std::vector<uint8_t> frame(44 + payload.size(), 0);
-    memcpy(&frame[0], &command, 4);
-    memcpy(&frame[4], &sub_command, 4);
-    memcpy(&frame[8], &msg_len, 4);
-    std::copy(payload.begin(), payload.end(), frame.begin() + 44);
+    // Without the 4 trailing bytes: the daemon must not need them.
+    std::vector<uint8_t> frame = pack_request(command, sub_command, payload);
+    frame.resize(frame_header_len + payload.size());
+    u32_to_u8(static_cast<uint32_t>(msg_len), frame.data() + offsetof(data_struct, msg_len));
     return frame;
 }
 

@@ -32,14 +32,6 @@ constexpr int exit_unreadable = 78;
 
 const char usage_line[] = "usage: vireo-client check-config MAIN.json\n";
 
-// Keys the daemon reads in each kind of object; any other key is ignored.
-const char* const main_keys[] = {"mode", "server_ip", "port", "sub-configs", "security"};
-const char* const group_keys[] = {"class", "code", "config", "disable"};
-const char* const list_keys[] = {"cmd-list"};
-const char* const entry_keys[] = {"name",    "id",     "type",    "file",    "lib",
-                                  "symbols", "detach", "disable", "read-all"};
-const char* const security_keys[] = {"secret-key", "authorized-keys"};
-
 // One parsed JSON file and its text, to turn offsets into lines and columns.
 struct source {
     std::string path;
@@ -162,15 +154,15 @@ public:
         return false;
     }
 
-    template <size_t N>
-    void unknown_keys(const source& src, const Json::Value& obj, const char* const (&known)[N]) {
+    // Keys the daemon does not read in this scope (the client's own object
+    // is not the daemon's, but it is no typo either).
+    void unknown_keys(const source& src, const Json::Value& obj, config_scope scope) {
         for (auto it = obj.begin(); it != obj.end(); ++it) {
             std::string key = it.name(), hint;
-            bool found = false;
-            for (const char* k : known) {
-                found = found || key == k;
-                if (hint.empty() && near_miss(key, k)) {
-                    hint = std::string(" (did you mean \"") + k + "\"?)";
+            bool found = find_config_key(scope, key) != nullptr;
+            for (const config_key& k : config_keys) {
+                if (k.scope == scope && hint.empty() && near_miss(key, k.name)) {
+                    hint = std::string(" (did you mean \"") + k.name + "\"?)";
                 }
             }
             if (!found) {
@@ -179,11 +171,11 @@ public:
         }
     }
 
-    // The member key of obj, or null (reported when required).
-    const Json::Value* member(const source& src, const Json::Value& obj, const char* key,
-                              bool required) {
+    // The member id of obj, or null (reported when required).
+    const Json::Value* member(const source& src, const Json::Value& obj, config_key_id id) {
+        const char* key = key_name(id);
         const Json::Value* v = obj.find(key, key + strlen(key));
-        if (v == nullptr && required) {
+        if (v == nullptr && config_keys[id].required) {
             error(src.at(obj), std::string("missing key \"") + key + "\"");
         }
         return v;
@@ -191,9 +183,10 @@ public:
 
     // Text as asString() gives it: arrays and objects stop the daemon;
     // numbers, booleans and null are turned into text.
-    bool text(const source& src, const Json::Value& obj, const char* key, std::string& out,
+    bool text(const source& src, const Json::Value& obj, config_key_id id, std::string& out,
               bool quiet = false) {
-        const Json::Value* v = member(src, obj, key, true);
+        const char* key = key_name(id);
+        const Json::Value* v = member(src, obj, id);
         if (v == nullptr) {
             return false;
         }
@@ -212,21 +205,20 @@ public:
 
     // A command code or id: text, then std::stoi base 16 (trailing text
     // ignored, int32 range), stored unsigned.
-    bool hex(const source& src, const Json::Value& obj, const char* key, uint32_t& out) {
+    bool hex(const source& src, const Json::Value& obj, config_key_id id, uint32_t& out) {
         std::string t;
-        if (!text(src, obj, key, t, true)) {
+        if (!text(src, obj, id, t, true)) {
             return false;
         }
+        const char* key = key_name(id);
         const Json::Value& v = obj[key];
         std::string name = std::string("\"") + key + "\": ";
         size_t used = 0;
-        try {
-            out = static_cast<uint32_t>(std::stoi(t, &used, 16));
-        } catch (const std::invalid_argument&) {
-            error(src.at(v), name + "\"" + t + "\" has no hexadecimal digits");
-            return false;
-        } catch (const std::out_of_range&) {
-            error(src.at(v), name + "\"" + t + "\" is out of range (-0x80000000 to 0x7fffffff)");
+        if (int rc = parse_hex_code(t, out, &used); rc != 0) {
+            error(src.at(v),
+                  name + "\"" + t +
+                      (rc == -EINVAL ? "\" has no hexadecimal digits"
+                                     : "\" is out of range (-0x80000000 to 0x7fffffff)"));
             return false;
         }
         char hexed[16];
@@ -243,8 +235,9 @@ public:
 
     // A flag as asBool() takes it: strings, arrays and objects stop the
     // daemon; numbers and null are taken as their truth value.
-    void flag(const source& src, const Json::Value& obj, const char* key) {
-        const Json::Value* v = member(src, obj, key, false);
+    void flag(const source& src, const Json::Value& obj, config_key_id id) {
+        const char* key = key_name(id);
+        const Json::Value* v = member(src, obj, id);
         if (v == nullptr || v->isBool()) {
             return;
         }
@@ -259,8 +252,9 @@ public:
 
     // A list the daemon walks by index: a non-empty object stops it, other
     // non-arrays read as empty.
-    const Json::Value* list(const source& src, const Json::Value& obj, const char* key) {
-        const Json::Value* v = member(src, obj, key, true);
+    const Json::Value* list(const source& src, const Json::Value& obj, config_key_id id) {
+        const char* key = key_name(id);
+        const Json::Value* v = member(src, obj, id);
         if (v == nullptr || v->isArray()) {
             return v;
         }
@@ -288,22 +282,24 @@ void checker::main_file(const source& src) {
     if (!object(src, src.root, "the main configuration")) {
         return;
     }
-    unknown_keys(src, src.root, main_keys);
+    unknown_keys(src, src.root, config_scope::main);
     std::string t;
-    text(src, src.root, "mode", t);  // required; its value means nothing
-    text(src, src.root, "server_ip", t);
-    if (const Json::Value* port = member(src, src.root, "port", true)) {
-        if (!port->isInt() || port->asInt() < 1 || port->asInt() > 65535) {
-            error(src.at(*port), "\"port\": expected a number from 1 to 65535");
+    text(src, src.root, key_mode, t);  // required; its value means nothing
+    text(src, src.root, key_server_ip, t);
+    if (const Json::Value* port = member(src, src.root, key_port)) {
+        const config_key& k = config_keys[key_port];
+        if (!port->isInt() || port->asInt() < k.min || port->asInt() > k.max) {
+            error(src.at(*port), "\"port\": expected a number from " + std::to_string(k.min) +
+                                     " to " + std::to_string(k.max));
         }
     }
     std::map<uint32_t, std::string> codes;  // code -> where the kept group is
-    if (const Json::Value* subs = list(src, src.root, "sub-configs")) {
+    if (const Json::Value* subs = list(src, src.root, key_sub_configs)) {
         for (const Json::Value& g : *subs) {
             group(src, g, codes);
         }
     }
-    if (const Json::Value* sec = member(src, src.root, "security", false)) {
+    if (const Json::Value* sec = member(src, src.root, key_security)) {
         security(src, *sec);
     }
 }
@@ -313,26 +309,26 @@ void checker::group(const source& src, const Json::Value& g,
     if (!object(src, g, "a sub-configuration")) {
         return;
     }
-    unknown_keys(src, g, group_keys);
+    unknown_keys(src, g, config_scope::group);
     std::string cls, path;
     uint32_t code = 0;
-    text(src, g, "class", cls);
-    bool has_code = hex(src, g, "code", code);
-    bool has_path = text(src, g, "config", path);
-    flag(src, g, "disable");
+    text(src, g, key_class, cls);
+    bool has_code = hex(src, g, key_code, code);
+    bool has_path = text(src, g, key_config, path);
+    flag(src, g, key_group_disable);
     // The daemon opens and parses a duplicate's file too, but never reads
     // its commands.
     source sub;
-    bool loaded = has_path && load(path, src.at(g["config"]), sub) == 0;
+    bool loaded = has_path && load(path, src.at(g[key_name(key_config)]), sub) == 0;
     bool kept = has_code;
     if (has_code && code == client_id_command) {
-        error(src.at(g["code"]),
+        error(src.at(g[key_name(key_code)]),
               "\"code\": 0xeaea is the built-in client-id group; this group is never served");
         kept = false;
     } else if (has_code && !codes.emplace(code, src.at(g)).second) {
         char msg[64];
         snprintf(msg, sizeof msg, "duplicate code 0x%x: ", code);
-        error(src.at(g["code"]),
+        error(src.at(g[key_name(key_code)]),
               msg + std::string("this group is never served (the daemon keeps the one at ") +
                   codes[code] + ")");
         kept = false;
@@ -349,9 +345,9 @@ void checker::command_list(const source& src) {
     if (!object(src, src.root, "a sub-configuration file")) {
         return;
     }
-    unknown_keys(src, src.root, list_keys);
+    unknown_keys(src, src.root, config_scope::sub);
     std::map<uint32_t, std::string> ids;
-    if (const Json::Value* cmds = list(src, src.root, "cmd-list")) {
+    if (const Json::Value* cmds = list(src, src.root, key_cmd_list)) {
         for (const Json::Value& e : *cmds) {
             entry(src, e, ids);
         }
@@ -362,29 +358,29 @@ void checker::entry(const source& src, const Json::Value& e, std::map<uint32_t, 
     if (!object(src, e, "a command")) {
         return;
     }
-    unknown_keys(src, e, entry_keys);
+    unknown_keys(src, e, config_scope::entry);
     std::string name, target, sym;
     uint32_t id = 0;
-    text(src, e, "name", name);
-    bool has_id = hex(src, e, "id", id);
-    const Json::Value* type = member(src, e, "type", true);
+    text(src, e, key_entry_name, name);
+    bool has_id = hex(src, e, key_id, id);
+    const Json::Value* type = member(src, e, key_type);
     if (type != nullptr && !type->isString()) {
         error(src.at(*type),
               std::string("\"type\": expected \"file\" or \"custom\", found ") + json_kind(*type));
         type = nullptr;
     }
     if (type != nullptr && type->asString() == "file") {
-        if (text(src, e, "file", target)) {
-            monitored_file(src.at(e["file"]), target);
+        if (text(src, e, key_cmd_file, target)) {
+            monitored_file(src.at(e[key_name(key_cmd_file)]), target);
         }
-        flag(src, e, "read-all");
+        flag(src, e, key_read_all);
     } else if (type != nullptr && type->asString() == "custom") {
-        bool has_lib = text(src, e, "lib", target);
-        if (text(src, e, "symbols", sym) && has_lib) {
+        bool has_lib = text(src, e, key_lib, target);
+        if (text(src, e, key_symbols, sym) && has_lib) {
             plugin(src, e, target, sym);
         }
-        flag(src, e, "detach");
-        if (const Json::Value* all = member(src, e, "read-all", false)) {
+        flag(src, e, key_detach);
+        if (const Json::Value* all = member(src, e, key_read_all)) {
             warning(src.at(*all), "\"read-all\" has no effect on a custom command");
         }
     } else if (type != nullptr) {
@@ -392,7 +388,7 @@ void checker::entry(const source& src, const Json::Value& e, std::map<uint32_t, 
                 "unknown type \"" + type->asString() + "\": the daemon skips this command");
         return;
     }
-    flag(src, e, "disable");
+    flag(src, e, key_disable);
     if (!has_id || type == nullptr) {
         return;
     }
@@ -401,7 +397,7 @@ void checker::entry(const source& src, const Json::Value& e, std::map<uint32_t, 
     } else {
         char msg[64];
         snprintf(msg, sizeof msg, "duplicate id 0x%x: ", id);
-        error(src.at(e["id"]),
+        error(src.at(e[key_name(key_id)]),
               msg + std::string("this command is never served (the daemon keeps the one at ") +
                   ids[id] + ")");
     }
@@ -440,15 +436,16 @@ void checker::plugin(const source& src, const Json::Value& e, const std::string&
     void* h = dlopen(lib.c_str(), RTLD_LAZY);
     if (h == nullptr) {
         const char* why = dlerror();
-        error(src.at(e["lib"]), "cannot load \"" + lib + "\": " + (why ? why : "unknown reason"));
+        error(src.at(e[key_name(key_lib)]),
+              "cannot load \"" + lib + "\": " + (why ? why : "unknown reason"));
         return;
     }
     libraries.push_back(h);
     dlerror();
     if (dlsym(h, sym.c_str()) == nullptr) {
         const char* why = dlerror();
-        error(src.at(e["symbols"]), "no function \"" + sym + "\" in \"" + lib +
-                                        "\": " + (why ? why : "its address is null"));
+        error(src.at(e[key_name(key_symbols)]), "no function \"" + sym + "\" in \"" + lib +
+                                                    "\": " + (why ? why : "its address is null"));
     }
 }
 
@@ -456,22 +453,21 @@ void checker::security(const source& src, const Json::Value& sec) {
     if (!object(src, sec, "\"security\"")) {
         return;
     }
-    unknown_keys(src, sec, security_keys);
+    unknown_keys(src, sec, config_scope::security);
     if (zmq_has("curve") == 0) {
         error(src.at(sec), "\"security\": this libzmq has no CURVE support");
     }
     std::string path;
-    if (text(src, sec, "secret-key", path)) {
-        key_file(src.at(sec["secret-key"]), path, true);
+    if (text(src, sec, key_secret_key, path)) {
+        key_file(src.at(sec[key_name(key_secret_key)]), path, true);
     }
-    if (text(src, sec, "authorized-keys", path)) {
-        key_file(src.at(sec["authorized-keys"]), path, false);
+    if (text(src, sec, key_authorized_keys, path)) {
+        key_file(src.at(sec[key_name(key_authorized_keys)]), path, false);
     }
 }
 
-// A secret key file: the first line that is not blank or a '#' comment is a
-// 40-character Z85 key. An authorized-keys file: every such line is
-// "KEY NAME CODES", CODES being "*" or hex codes separated by commas.
+// A secret key file, or an authorized-keys file, by the daemon's readers:
+// each fault at its line and column.
 void checker::key_file(const std::string& from, const std::string& path, bool secret) {
     std::ifstream in(path);
     if (!in) {
@@ -484,58 +480,23 @@ void checker::key_file(const std::string& from, const std::string& path, bool se
         snprintf(mode, sizeof mode, "%04o", st.st_mode & 0777);
         warning(from, "\"" + path + "\" is open to other users (mode " + mode + ", expected 0600)");
     }
-    std::string line;
-    for (int n = 1; std::getline(in, line); n++) {
-        std::vector<std::pair<std::string, size_t>> words;  // text, column
-        for (size_t i = 0; i < line.size();) {
-            size_t end = line.find_first_of(" \t\r", i);
-            if (end == std::string::npos) {
-                end = line.size();
-            }
-            if (end > i) {
-                words.emplace_back(line.substr(i, end - i), i + 1);
-            }
-            i = end + 1;
-        }
-        if (words.empty() || words[0].first[0] == '#') {
-            continue;
-        }
-        std::string at = path + ":" + std::to_string(n) + ":";
-        uint8_t key[32];
-        if (words[0].first.size() != 40 || zmq_z85_decode(key, words[0].first.c_str()) == nullptr) {
-            error(at + std::to_string(words[0].second), "expected a 40-character Z85 key");
-        }
-        if (secret) {
-            return;
-        }
-        if (words.size() != 3) {
-            error(at + "1",
-                  "expected KEY NAME CODES, found " + std::to_string(words.size()) + " fields");
-            continue;
-        }
-        if (words[2].first == "*") {
-            continue;
-        }
-        std::string codes = words[2].first;
-        for (size_t start = 0; start <= codes.size();) {
-            size_t end = codes.find(',', start);
-            if (end == std::string::npos) {
-                end = codes.size();
-            }
-            std::string code = codes.substr(start, end - start);
-            std::string col = at + std::to_string(words[2].second + start);
-            try {
-                config_hex(code);
-            } catch (const std::invalid_argument&) {
-                error(col, "code \"" + code + "\" has no hexadecimal digits");
-            } catch (const std::out_of_range&) {
-                error(col, "code \"" + code + "\" is out of range (-0x80000000 to 0x7fffffff)");
-            }
-            start = end + 1;
-        }
-    }
     if (secret) {
-        error(from, "no key in \"" + path + "\"");
+        std::string key, why;
+        int line = 0;
+        if (read_key_text(in, key, why, line) != 0) {
+            if (line > 0) {
+                error(path + ":" + std::to_string(line) + ":1", why);
+            } else {
+                error(from, "no key in \"" + path + "\"");
+            }
+        }
+        return;
+    }
+    key_table keys;
+    std::vector<key_problem> problems;
+    parse_authorized_keys(in, keys, problems);
+    for (const key_problem& p : problems) {
+        error(path + ":" + std::to_string(p.line) + ":" + std::to_string(p.column), p.message);
     }
 }
 

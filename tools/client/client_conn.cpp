@@ -22,11 +22,6 @@ constexpr int poll_slice_ms = 100;
 // The most the closing connect() of a failed connection may take.
 constexpr int diagnose_ms = 1000;
 
-constexpr int watched_events =
-    ZMQ_EVENT_CONNECTED | ZMQ_EVENT_CLOSED | ZMQ_EVENT_CONNECT_RETRIED | ZMQ_EVENT_DISCONNECTED |
-    ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL |
-    ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH;
-
 // host and port of "tcp://HOST:PORT" (or "tcp://SOURCE;HOST:PORT", HOST
 // perhaps "[v6]"); false for other transports.
 bool split_tcp(const std::string& endpoint, std::string& host, std::string& port) {
@@ -144,7 +139,7 @@ void client_conn::close_socket() {
         zmq_close(monitor);
         monitor = nullptr;
     }
-    watch = watch_state{};
+    watch = conn_watch{};
 }
 
 int client_conn::open(std::string& why) {
@@ -176,7 +171,7 @@ int client_conn::open(std::string& why) {
     // of the first attempt is lost. Each socket gets its own address.
     static std::atomic<unsigned> seq{0};
     std::string addr = "inproc://vireo-client-monitor-" + std::to_string(seq++);
-    if (zmq_socket_monitor(sock, addr.c_str(), watched_events) != 0 ||
+    if (zmq_socket_monitor(sock, addr.c_str(), conn_watched_events) != 0 ||
         (monitor = zmq_socket(ctx, ZMQ_PAIR)) == nullptr ||
         zmq_setsockopt(monitor, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
         zmq_connect(monitor, addr.c_str()) != 0) {
@@ -199,9 +194,9 @@ int client_conn::fail(const char* call, int err, std::string& why) {
 }
 
 int client_conn::give_up(int wait_left_ms, std::string& why) {
-    failure last = watch.last;
+    conn_verdict verdict = watch.at_timeout();
     close_socket();
-    if (last == failure::handshake_closed) {
+    if (verdict == conn_verdict::handshake_closed) {
         why = "handshake with " + endpoint + " failed: the server closed the connection (" +
               (keys.curve() ? "wrong server key, or the server does not use CURVE)"
                             : "security mismatch: the server may use CURVE; give --server-key "
@@ -215,70 +210,27 @@ int client_conn::give_up(int wait_left_ms, std::string& why) {
 }
 
 int client_conn::read_events(int wait_left_ms, std::string& why) {
-    for (;;) {
-        zmq_msg_t head, addr;
-        zmq_msg_init(&head);
-        if (zmq_msg_recv(&head, monitor, ZMQ_DONTWAIT) == -1) {
-            zmq_msg_close(&head);
-            return 0;
-        }
-        uint16_t event = 0;
-        uint32_t value = 0;
-        if (zmq_msg_size(&head) >= 6) {
-            memcpy(&event, zmq_msg_data(&head), 2);
-            memcpy(&value, static_cast<uint8_t*>(zmq_msg_data(&head)) + 2, 4);
-        }
-        zmq_msg_close(&head);
-        zmq_msg_init(&addr);  // the second part names the endpoint
-        zmq_msg_recv(&addr, monitor, ZMQ_DONTWAIT);
-        zmq_msg_close(&addr);
-
-        auto count_failure = [&](failure f) {
-            if (!watch.counted) {
-                watch.failed++;
-                watch.counted = true;
-            }
-            watch.last = f;
-        };
-        switch (event) {
-            case ZMQ_EVENT_CONNECTED:
-                watch.connected = true;
+    uint16_t event = 0;
+    uint32_t value = 0;
+    while (read_conn_event(monitor, event, value) == 0) {
+        switch (watch.feed(event, value)) {
+            case conn_verdict::pending:
                 break;
-            case ZMQ_EVENT_CLOSED:
-                watch.closed = true;
-                break;
-            case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
-                watch = watch_state{};
-                watch.connected = true;
-                break;
-            case ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL:
-                count_failure(failure::handshake_closed);
-                break;
-            case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:
+            case conn_verdict::auth_refused:
                 close_socket();
                 why = (keys.curve() ? "key not accepted by " : "authentication refused by ") +
                       endpoint + " (status " + std::to_string(value) + ")";
                 return client_handshake;
-            case ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL:
+            case conn_verdict::protocol_error:
                 close_socket();
                 why = "handshake with " + endpoint +
                       " failed: " + protocol_reason(value, keys.curve());
                 return client_handshake;
-            case ZMQ_EVENT_CONNECT_RETRIED:
-                // The end of an attempt: one that never made a TCP connection
-                // either had no address (no socket was closed) or was refused.
-                if (!watch.connected) {
-                    count_failure(watch.closed ? failure::no_connection : failure::no_address);
-                }
-                watch.closed = watch.connected = watch.counted = false;
-                break;
             default:
-                break;
-        }
-        if (watch.failed >= max_failed_attempts) {
-            return give_up(wait_left_ms, why);
+                return give_up(wait_left_ms, why);
         }
     }
+    return 0;
 }
 
 int client_conn::request(uint32_t command, uint32_t sub_command,
@@ -302,7 +254,7 @@ int client_conn::request(uint32_t command, uint32_t sub_command,
             return rc;
         }
         if (left == 0) {
-            if (watch.failed > 0) {
+            if (watch.at_timeout() != conn_verdict::pending) {
                 return give_up(0, why);
             }
             close_socket();

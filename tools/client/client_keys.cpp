@@ -1,6 +1,4 @@
 // CURVE key files of the client: reading them and making a new pair.
-#include "client_keys.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +9,7 @@
 #include <fstream>
 
 #include "vireo_client.h"
+#include "wire/keys.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-// Client side of the vireo-monitor wire protocol: request frames, reply
-// validation, one request/reply connection with a receive timeout, and the
-// command names of the daemon's configuration files.
+// Client side of the vireo-monitor wire protocol: one request/reply
+// connection with a receive timeout, and the command names of the daemon's
+// configuration files. Frames and replies are in wire/frame.h.
 //
 // Nothing here is shared between threads; each thread uses its own
 // client_conn.
@@ -13,10 +13,14 @@
 #include <vector>
 
 #include "common_func.h"
+#include "wire/config_keys.h"
+#include "wire/conn_events.h"
+#include "wire/frame.h"
+#include "wire/keys.h"
 
 // Results of the client functions besides 0 (success).
 constexpr int client_timeout = -110;    // no reply within the timeout
-constexpr int client_malformed = -74;   // reply does not hold together
+constexpr int client_malformed = wire_malformed;  // reply does not hold together
 constexpr int client_bad_input = -22;   // bad endpoint, bad configuration
 constexpr int client_comm_error = -5;   // ZeroMQ refused a call
 constexpr int client_refused = -111;    // connection refused, host unreachable or unknown
@@ -27,43 +31,6 @@ constexpr int client_interrupted = -4;  // a signal ended the wait
 constexpr uint32_t client_id_command = 0xEAEA;
 constexpr uint32_t take_id_sub = 1;
 constexpr uint32_t return_id_sub = 2;
-
-// Reply payload capacity of the daemon, and the most a request may carry.
-constexpr int max_reply_payload = 8192;
-constexpr int max_request_payload = 1024;
-
-// A request frame: the 44-byte header (crc 0, msg_len the payload size), the
-// payload, and the 4 trailing bytes every frame carries (zero).
-std::vector<uint8_t> pack_request(uint32_t command, uint32_t sub_command,
-                                  const std::vector<uint8_t>& payload);
-
-// A reply as received. header() holds the bytes that arrived, the rest zero:
-// frame_len says which fields were sent (a negative status cuts the header).
-struct client_reply {
-    alignas(data_struct) uint8_t head[sizeof(data_struct)] = {};
-    size_t frame_len = 0;  // bytes of the first (or only) part
-    size_t parts = 0;      // ZeroMQ message parts
-    std::string payload;   // msg_len bytes, empty for a negative status
-
-    const data_struct& header() const { return *reinterpret_cast<const data_struct*>(head); }
-    data_struct& header() { return *reinterpret_cast<data_struct*>(head); }
-    // True when all bytes of the field at offset..offset+size were sent.
-    bool has(size_t offset, size_t size) const { return frame_len >= offset + size; }
-};
-
-// Checks the parts of one reply to the request (command, sub_command) and
-// fills out. Returns 0, or client_malformed with the reason in why: a part
-// shorter than 12 bytes, shorter than msg_len + 48 (a negative msg_len needs
-// max(12, msg_len + 48) bytes), a reply to another command, or packets of a
-// multi-packet reply that do not add up.
-int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command,
-                uint32_t sub_command, client_reply& out, std::string& why);
-
-// The meaning of a negative status in a reply: the daemon's own codes (-22
-// "unknown command or sub-command", -1 "operation not permitted by this
-// key", ...), else the text of the negated errno a plug-in returned, e.g. -3
-// "No such process"; "unknown error" when there is none.
-std::string status_text(int32_t code);
 
 // CURVE keys of a client, 40-character Z85 texts; all empty for plaintext.
 struct client_keys {
@@ -81,15 +48,13 @@ struct client_keys {
 // refused connection or handshake ends the wait early with its own result:
 // - a handshake refused by authentication (ZAP status) or failed on a
 //   protocol error (e.g. a mechanism mismatch) ends it at once;
-// - otherwise it ends after max_failed_attempts connection attempts in a row
+// - otherwise it ends after conn_watch::max_failed_attempts attempts in a row
 //   failed (no TCP connection, no address for the host, or the peer closing
 //   during the handshake), or at the timeout when at least one had failed.
 // libzmq tells that an attempt failed but not why, so a failed TCP connection
 // is then tried once more with a plain connect() to learn the errno.
 class client_conn {
 public:
-    static constexpr int max_failed_attempts = 3;
-
     client_conn(const std::string& endpoint, int timeout_ms, const client_keys& keys = {});
     ~client_conn();
     client_conn(const client_conn&) = delete;
@@ -114,15 +79,7 @@ public:
     void* monitor = nullptr;  // ZMQ_PAIR receiving the socket's events
 
 private:
-    // What the monitor has told about the current connection attempts.
-    enum class failure { none, no_address, no_connection, handshake_closed };
-    struct watch_state {
-        bool closed = false;     // this attempt's TCP socket closed
-        bool connected = false;  // this attempt's TCP connection was made
-        bool counted = false;    // this attempt's failure is counted already
-        int failed = 0;          // attempts that failed in a row
-        failure last = failure::none;
-    } watch;
+    conn_watch watch;  // what the monitor has told about the connection attempts
 
     void close_socket();
     // Reads the queued monitor events; returns 0, or client_refused /
@@ -163,10 +120,6 @@ int load_client_config(const std::string& main_path, client_config& out, std::st
 
 // The command named "CLASS.NAME", or nullptr.
 const client_cmd* find_cmd(const client_config& cfg, const std::string& full_name);
-
-// The daemon's hex rule: std::stoi(text, nullptr, 16), stored unsigned.
-// Throws std::invalid_argument or std::out_of_range like std::stoi.
-uint32_t config_hex(const std::string& text);
 
 // CURVE key files: '#' lines and blank lines are skipped, the first other
 // line is a 40-character Z85 key. These return 0, or client_bad_input with

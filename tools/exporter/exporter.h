@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "wire/conn_events.h"
+
 // A command of the board, by group code and id.
 struct cmd_ref {
     bool set = false;
@@ -108,7 +110,7 @@ void* probe_context();
 struct board_link {
     void* sock = nullptr;
     void* mon = nullptr;  // PAIR socket receiving the monitor's events, or null
-    bool handshake_done = false;
+    conn_watch watch;     // what its monitor has told
     std::chrono::steady_clock::time_point idle_since;
 };
 void close_link(board_link& l);

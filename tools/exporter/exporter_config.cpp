@@ -15,32 +15,17 @@ namespace {
 using std::runtime_error;
 using std::string;
 
-constexpr size_t z85_key_len = 40;
-
-bool is_z85_key(const string& s) {
-    uint8_t bin[32];
-    return s.size() == z85_key_len && zmq_z85_decode(bin, s.c_str()) != nullptr;
-}
-
-// The first line that is neither blank nor a '#' comment, trimmed.
-string read_key_file(const string& path) {
-    std::ifstream in(path);
-    if (!in) {
-        throw runtime_error("cannot open key file " + path);
+// The key of a key file, by the daemon's rule.
+string key_of_file(const string& path) {
+    string key, error;
+    int rc = read_key_file(path, key, error);
+    if (rc == -1) {
+        throw runtime_error("cannot open key file " + path + ": " + error);
     }
-    string line;
-    while (std::getline(in, line)) {
-        size_t b = line.find_first_not_of(" \t\r");
-        if (b == string::npos || line[b] == '#') {
-            continue;
-        }
-        line = line.substr(b, line.find_last_not_of(" \t\r") + 1 - b);
-        if (!is_z85_key(line)) {
-            throw runtime_error("key file " + path + " does not hold a 40-character Z85 key");
-        }
-        return line;
+    if (rc != 0) {
+        throw runtime_error("key file " + path + ": " + error);
     }
-    throw runtime_error("key file " + path + " holds no key");
+    return key;
 }
 
 // A server key: a 40-character Z85 literal, or a file holding one.
@@ -49,7 +34,7 @@ string server_key(const string& text) {
     if (is_z85_key(text) && stat(text.c_str(), &st) != 0) {
         return text;
     }
-    return read_key_file(text);
+    return key_of_file(text);
 }
 
 cmd_ref read_ref(const Json::Value& v, const string& where) {
@@ -61,8 +46,8 @@ cmd_ref read_ref(const Json::Value& v, const string& where) {
         throw runtime_error(where + ": expected {\"code\": \"0x..\", \"id\": \"..\"}");
     }
     try {
-        r.code = config_hex(v["code"].asString());
-        r.id = config_hex(v["id"].asString());
+        r.code = hex_code(v["code"].asString());
+        r.id = hex_code(v["id"].asString());
     } catch (const std::logic_error&) {
         throw runtime_error(where + ": code and id are hexadecimal text");
     }
@@ -155,7 +140,7 @@ void read_target(const Json::Value& v, target_conf& t, const string& where) {
         }
     }
     if (v.isMember("key")) {
-        t.keys.secret_key = read_key_file(v["key"].asString());
+        t.keys.secret_key = key_of_file(v["key"].asString());
         char pub[z85_key_len + 1];
         if (zmq_curve_public(pub, t.keys.secret_key.c_str()) != 0) {
             throw runtime_error(where + ".key: no public key from it (ZeroMQ without CURVE?)");

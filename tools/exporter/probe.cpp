@@ -63,11 +63,12 @@ private:
         }
     }
     void read_monitor();
+    void fail_refused(conn_verdict v);
     // Reads one queued reply: the index of the request it completes, or -1.
     int read_reply();
     // A new socket and its monitor, connecting to the board.
     int open_link();
-    bool& handshake_done = link.handshake_done;
+    conn_watch& watch = link.watch;
 };
 
 std::atomic<unsigned> monitor_serial{0};
@@ -176,10 +177,7 @@ int probe_session::open_link() {
     }
     // The monitor tells a refused connection or handshake from a silent board.
     std::string mon_ep = "inproc://vireo-exporter-monitor-" + std::to_string(++monitor_serial);
-    int events = ZMQ_EVENT_CONNECT_RETRIED | ZMQ_EVENT_DISCONNECTED |
-                 ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL |
-                 ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH;
-    if (zmq_socket_monitor(sock, mon_ep.c_str(), events) != 0 ||
+    if (zmq_socket_monitor(sock, mon_ep.c_str(), conn_watched_events) != 0 ||
         (mon = zmq_socket(ctx, ZMQ_PAIR)) == nullptr || zmq_connect(mon, mon_ep.c_str()) != 0) {
         fail(reason_error, std::string("socket monitor: ") + zmq_strerror(errno));
         return -1;
@@ -212,32 +210,26 @@ size_t probe_session::send(const cmd_ref& ref, const std::vector<uint8_t>& paylo
 }
 
 void probe_session::read_monitor() {
-    zmq_msg_t head, addr;
-    zmq_msg_init(&head);
-    zmq_msg_init(&addr);
-    if (zmq_msg_recv(&head, mon, ZMQ_DONTWAIT) >= 6 && zmq_msg_more(&head) &&
-        zmq_msg_recv(&addr, mon, ZMQ_DONTWAIT) >= 0) {
-        uint16_t event;
-        memcpy(&event, zmq_msg_data(&head), sizeof event);
-        if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
-            handshake_done = true;
-        } else if (event == ZMQ_EVENT_CONNECT_RETRIED) {
-            if (!handshake_done) {
-                fail(reason_refused, "connection to " + target.endpoint + " refused");
-            }
-        } else if (event == ZMQ_EVENT_DISCONNECTED) {
-            if (!handshake_done) {
-                fail(reason_refused, target.endpoint + " closed the connection in the handshake");
-            }
-            handshake_done = false;
-        } else {
-            fail(reason_refused, "handshake with " + target.endpoint +
-                                     " refused (key not accepted, wrong server key or security "
-                                     "mismatch)");
+    uint16_t event = 0;
+    uint32_t value = 0;
+    while (reason == reason_none && read_conn_event(mon, event, value) == 0) {
+        conn_verdict v = watch.feed(event, value);
+        if (v != conn_verdict::pending) {
+            fail_refused(v);
         }
     }
-    zmq_msg_close(&head);
-    zmq_msg_close(&addr);
+}
+
+void probe_session::fail_refused(conn_verdict v) {
+    if (v == conn_verdict::refused) {
+        fail(reason_refused, "connection to " + target.endpoint + " refused");
+    } else if (v == conn_verdict::handshake_closed) {
+        fail(reason_refused, target.endpoint + " closed the connection in the handshake");
+    } else {
+        fail(reason_refused, "handshake with " + target.endpoint +
+                                 " refused (key not accepted, wrong server key or security "
+                                 "mismatch)");
+    }
 }
 
 int probe_session::read_reply() {
@@ -287,6 +279,9 @@ bool probe_session::wait_all(const std::function<void(size_t)>& on_reply) {
         auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
         if (left.count() <= 0) {
+            if (mon != nullptr && watch.at_timeout() != conn_verdict::pending) {
+                fail_refused(watch.at_timeout());
+            }
             fail(reason_timeout, "no reply from " + target.endpoint + " in time");
             break;
         }

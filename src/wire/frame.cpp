@@ -1,15 +1,9 @@
-// Request frames and reply validation.
+#include "wire/frame.h"
+
 #include <algorithm>
 #include <cstring>
 
-#include "vireo_client.h"
-
 namespace {
-
-// Command, sub-command and msg_len: all that a reply with a status far below
-// zero still carries.
-constexpr size_t prefix_len = 12;
-constexpr size_t header_len = offsetof(data_struct, msg);
 
 std::string hex(uint32_t v) {
     char buf[16];
@@ -21,23 +15,11 @@ std::string n_bytes(size_t n) {
     return std::to_string(n) + (n == 1 ? " byte" : " bytes");
 }
 
-// Header fields of one part, and the checks every part must pass.
-int read_header(const std::vector<uint8_t>& part, const std::string& what, uint32_t command,
-                uint32_t sub_command, data_struct& h, std::string& why) {
-    if (part.size() < prefix_len) {
-        why = what + " of " + n_bytes(part.size()) + " is shorter than the " +
-              std::to_string(prefix_len) + "-byte header prefix (command, sub_command, msg_len)";
-        return client_malformed;
+int malformed(std::string* why, std::string text) {
+    if (why != nullptr) {
+        *why = std::move(text);
     }
-    memset(&h, 0, sizeof h);
-    memcpy(&h, part.data(), std::min(part.size(), header_len));
-    if (static_cast<uint32_t>(h.command) != command ||
-        static_cast<uint32_t>(h.sub_command) != sub_command) {
-        why = what + " answers command " + hex(h.command) + " sub-command " + hex(h.sub_command) +
-              ", not the request's " + hex(command) + " " + hex(sub_command);
-        return client_malformed;
-    }
-    return 0;
+    return wire_malformed;
 }
 
 int parse_packets(const std::vector<std::vector<uint8_t>>& parts, uint32_t command,
@@ -48,27 +30,30 @@ int parse_packets(const std::vector<std::vector<uint8_t>>& parts, uint32_t comma
     if (len <= (static_cast<int64_t>(count) - 1) * cap || len > static_cast<int64_t>(count) * cap) {
         why = "msg_len " + std::to_string(len) + " does not fit a reply of " +
               std::to_string(count) + " packets";
-        return client_malformed;
+        return wire_malformed;
     }
     for (size_t i = 0; i < count; i++) {
         std::string what = "packet " + std::to_string(i + 1) + " of " + std::to_string(count);
         data_struct h;
-        if (int rc = read_header(parts[i], what, command, sub_command, h, why); rc != 0) {
+        if (int rc = read_reply_header(parts[i].data(), parts[i].size(), command, sub_command, h,
+                                       what, &why);
+            rc != 0) {
             return rc;
         }
-        if (parts[i].size() < static_cast<size_t>(cap) + sizeof(data_struct)) {
+        if (parts[i].size() < static_cast<size_t>(cap) + frame_overhead) {
             why = what + " is " + n_bytes(parts[i].size()) + ", not " +
-                  std::to_string(cap + sizeof(data_struct));
-            return client_malformed;
+                  std::to_string(cap + frame_overhead);
+            return wire_malformed;
         }
         if (h.msg_len != out.header().msg_len || h.sum_packet != count || h.cur_packet != i + 1) {
             why = what + " says msg_len " + std::to_string(h.msg_len) + ", packet " +
                   std::to_string(h.cur_packet) + " of " + std::to_string(h.sum_packet);
-            return client_malformed;
+            return wire_malformed;
         }
         size_t share =
             static_cast<size_t>(std::min<int64_t>(cap, len - static_cast<int64_t>(i) * cap));
-        out.payload.append(reinterpret_cast<const char*>(parts[i].data() + header_len), share);
+        out.payload.append(reinterpret_cast<const char*>(parts[i].data() + frame_header_len),
+                           share);
     }
     return 0;
 }
@@ -77,13 +62,39 @@ int parse_packets(const std::vector<std::vector<uint8_t>>& parts, uint32_t comma
 
 std::vector<uint8_t> pack_request(uint32_t command, uint32_t sub_command,
                                   const std::vector<uint8_t>& payload) {
-    std::vector<uint8_t> frame(sizeof(data_struct) + payload.size(), 0);
+    std::vector<uint8_t> frame(frame_overhead + payload.size(), 0);
     u32_to_u8(command, frame.data() + offsetof(data_struct, command));
     u32_to_u8(sub_command, frame.data() + offsetof(data_struct, sub_command));
     u32_to_u8(static_cast<uint32_t>(payload.size()), frame.data() + offsetof(data_struct, msg_len));
     // crc stays 0: the daemon's checksum of any payload is 0.
-    std::copy(payload.begin(), payload.end(), frame.begin() + header_len);
+    std::copy(payload.begin(), payload.end(), frame.begin() + frame_header_len);
     return frame;
+}
+
+void fill_reply_header(data_struct& reply, const data_struct& request, int32_t msg_len) {
+    reply.command = request.command;
+    reply.sub_command = request.sub_command;
+    reply.msg_len = msg_len;
+    reply.msg_type = reply_msg_type;
+    reply.command_type = reply_command_type;
+}
+
+int read_reply_header(const uint8_t* frame, size_t n, uint32_t command, uint32_t sub_command,
+                      data_struct& h, const std::string& what, std::string* why) {
+    if (n < reply_prefix_len) {
+        return malformed(why, what + " of " + n_bytes(n) + " is shorter than the " +
+                                  std::to_string(reply_prefix_len) +
+                                  "-byte header prefix (command, sub_command, msg_len)");
+    }
+    memset(&h, 0, sizeof h);
+    memcpy(&h, frame, std::min(n, frame_header_len));
+    if (static_cast<uint32_t>(h.command) != command ||
+        static_cast<uint32_t>(h.sub_command) != sub_command) {
+        return malformed(why, what + " answers command " + hex(h.command) + " sub-command " +
+                                  hex(h.sub_command) + ", not the request's " + hex(command) + " " +
+                                  hex(sub_command));
+    }
+    return 0;
 }
 
 int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command,
@@ -92,13 +103,15 @@ int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command
     out.parts = parts.size();
     if (parts.empty()) {
         why = "empty reply";
-        return client_malformed;
+        return wire_malformed;
     }
     const std::vector<uint8_t>& first = parts[0];
     out.frame_len = first.size();
     const std::string what =
         parts.size() == 1 ? "reply" : "packet 1 of " + std::to_string(parts.size());
-    if (int rc = read_header(first, what, command, sub_command, out.header(), why); rc != 0) {
+    if (int rc = read_reply_header(first.data(), first.size(), command, sub_command, out.header(),
+                                   what, &why);
+        rc != 0) {
         return rc;
     }
     const int64_t len = out.header().msg_len;
@@ -107,15 +120,15 @@ int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command
     }
     // A status travels in msg_len and cuts the frame to msg_len + 48 bytes,
     // but never below the prefix that holds it.
-    const int64_t need = std::max<int64_t>(static_cast<int64_t>(prefix_len), len + 48);
+    const int64_t need = std::max<int64_t>(static_cast<int64_t>(reply_prefix_len), len + 48);
     if (static_cast<int64_t>(first.size()) < need) {
         why = "reply of " + n_bytes(first.size()) + " is shorter than the " + std::to_string(need) +
               " bytes that " + (len < 0 ? "a status of " : "a msg_len of ") + std::to_string(len) +
               " takes";
-        return client_malformed;
+        return wire_malformed;
     }
     if (len > 0) {
-        out.payload.assign(reinterpret_cast<const char*>(first.data() + header_len),
+        out.payload.assign(reinterpret_cast<const char*>(first.data() + frame_header_len),
                            static_cast<size_t>(len));
     }
     return 0;

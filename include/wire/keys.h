@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <istream>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -52,14 +53,32 @@ bool is_z85_key(const std::string& text);
 std::string key_fingerprint(const std::string& z85);
 std::string key_fingerprint(const uint8_t* key32);
 
-// Reads a key file: blank lines and lines starting with '#' are skipped, the
-// first other line (surrounding whitespace removed) must be a Z85 key.
-// Returns 0 with the key in z85, or -1 with the reason in error.
+// A key file: blank lines and lines starting with '#' are skipped, the first
+// other line (surrounding whitespace removed) must be a Z85 key. Returns 0
+// with the key in z85; -1 when the file cannot be read, -2 when it holds no
+// key or a bad one; the reason in error.
 int read_key_file(const std::string& path, std::string& z85, std::string& error);
+// The same rule on a stream; line is set to the line of the key or of the
+// bad line (0 when there is none).
+int read_key_text(std::istream& in, std::string& z85, std::string& error, int& line);
 
-// Reads an authorized-keys file: one "<Z85 public key> <name> <codes>" per
-// line, fields separated by whitespace, codes "*" or hexadecimal codes
-// separated by commas; blank and '#' lines skipped. Any unreadable file, bad
-// line or repeated key fails the whole file: returns -1 with the reason (and
-// line number) in error and table untouched, or 0 with table replaced.
+// One fault of an authorized-keys file: its line, the column (from 1) of the
+// field at fault, and what is wrong.
+struct key_problem {
+    int line;
+    int column;
+    std::string message;
+};
+
+// Parses an authorized-keys text: one "<Z85 public key> <name> <codes>" per
+// line, fields separated by whitespace, codes "*" or hexadecimal codes (as
+// command codes in the configuration) separated by commas; blank and '#'
+// lines skipped. Every line is read: each bad line, and each repeat of a key,
+// adds one problem, in line order; keys gets the good lines (the first of a
+// repeated key).
+void parse_authorized_keys(std::istream& in, key_table& keys, std::vector<key_problem>& problems);
+
+// Reads an authorized-keys file. Any unreadable file, bad line or repeated
+// key fails the whole file: returns -1 with the reason ("line N: ...") in
+// error and table untouched, or 0 with table replaced.
 int load_authorized_keys(const std::string& path, key_table& table, std::string& error);

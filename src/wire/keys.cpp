@@ -1,14 +1,15 @@
-#include "client_keys.h"
+#include "wire/keys.h"
 
 #include <errno.h>
 #include <zmq.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
-#include "config_parser.h"
+#include "wire/config_keys.h"
 
 namespace {
 bool same_time(const timespec& a, const timespec& b) {
@@ -95,26 +96,67 @@ std::string key_fingerprint(const uint8_t* key32) {
     return key_fingerprint(std::string(text));
 }
 
-int read_key_file(const std::string& path, std::string& z85, std::string& error) {
-    std::ifstream in;
-    if (!open_text(path, in, error)) {
-        return -1;
-    }
+int read_key_text(std::istream& in, std::string& z85, std::string& error, int& line_no) {
     std::string line;
-    while (std::getline(in, line)) {
+    line_no = 0;
+    for (int n = 1; std::getline(in, line); n++) {
         line = trimmed(line);
         if (line.empty() || line[0] == '#') {
             continue;
         }
+        line_no = n;
         if (!is_z85_key(line)) {
             error = "not a 40-character Z85 key";
-            return -1;
+            return -2;
         }
         z85 = line;
         return 0;
     }
     error = "holds no key";
-    return -1;
+    return -2;
+}
+
+int read_key_file(const std::string& path, std::string& z85, std::string& error) {
+    std::ifstream in;
+    if (!open_text(path, in, error)) {
+        return -1;
+    }
+    int line = 0;
+    return read_key_text(in, z85, error, line);
+}
+
+void parse_authorized_keys(std::istream& in, key_table& keys, std::vector<key_problem>& problems) {
+    std::string line;
+    for (int number = 1; std::getline(in, line); number++) {
+        std::vector<std::pair<std::string, int>> words;  // text, column
+        for (size_t i = 0; i < line.size();) {
+            size_t start = i;
+            while (i < line.size() && !isspace(static_cast<unsigned char>(line[i]))) {
+                i++;
+            }
+            if (i > start) {
+                words.emplace_back(line.substr(start, i - start), static_cast<int>(start) + 1);
+            }
+            i++;
+        }
+        if (words.empty() || words[0].first[0] == '#') {
+            continue;
+        }
+        const std::string& key = words[0].first;
+        key_rights rights;
+        if (words.size() != 3) {
+            problems.push_back({number, 1, "expected <key> <name> <codes>"});
+        } else if (!is_z85_key(key)) {
+            problems.push_back({number, words[0].second, "not a 40-character Z85 key"});
+        } else if (!parse_codes(words[2].first, rights)) {
+            problems.push_back({number, words[2].second, "bad codes \"" + words[2].first + "\""});
+        } else {
+            rights.name = words[1].first;
+            if (!keys.emplace(key, rights).second) {
+                problems.push_back({number, words[0].second, "key listed twice"});
+            }
+        }
+    }
 }
 
 int load_authorized_keys(const std::string& path, key_table& table, std::string& error) {
@@ -123,32 +165,11 @@ int load_authorized_keys(const std::string& path, key_table& table, std::string&
         return -1;
     }
     key_table keys;
-    std::string line;
-    for (int number = 1; std::getline(in, line); number++) {
-        std::istringstream fields(line);
-        std::string key, name, codes, extra;
-        if (!(fields >> key) || key[0] == '#') {
-            continue;
-        }
-        std::string where = "line " + std::to_string(number) + ": ";
-        key_rights rights;
-        if (!(fields >> name >> codes) || (fields >> extra)) {
-            error = where + "expected <key> <name> <codes>";
-            return -1;
-        }
-        if (!is_z85_key(key)) {
-            error = where + "not a 40-character Z85 key";
-            return -1;
-        }
-        if (!parse_codes(codes, rights)) {
-            error = where + "bad codes \"" + codes + "\"";
-            return -1;
-        }
-        rights.name = name;
-        if (!keys.emplace(key, rights).second) {
-            error = where + "key listed twice";
-            return -1;
-        }
+    std::vector<key_problem> problems;
+    parse_authorized_keys(in, keys, problems);
+    if (!problems.empty()) {
+        error = "line " + std::to_string(problems[0].line) + ": " + problems[0].message;
+        return -1;
     }
     if (in.bad()) {
         error = std::string("cannot be read: ") + strerror(errno);
