@@ -101,6 +101,7 @@ TEST(client_failures, each_has_its_message_and_status) {
         {"-e " + quiet + " --server-key " + d + "/server.pub " + alice + "10 1", 5, "", "the server does not use CURVE"},
         {"-t 300 -e " + quiet + " 10 1", 2, "", "no reply from " + quiet + " within 300 ms"},
         {"-t 10000 -e tcp://" + refused + " 10 1", 4, "", "connection refused by " + refused + "\n"},
+        {"-t 10000 -e tcp://" + refused + " profile --pid 1", 4, "", "connection refused by " + refused + "\n"},
         {"-t 10000 -e tcp://no-such-host.invalid:6600 10 1", 4, "", "unknown host no-such-host.invalid"},
         {s + "--key " + d + "/absent.key 10 1", 78, "", "key file " + d + "/absent.key: cannot be read"},
         {s + "10 1", 64, "", "needs both the server's key (--server-key) and its own (--key)"},

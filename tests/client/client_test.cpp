@@ -14,15 +14,15 @@ using std::string;
 
 // The daemon on a free port with one group, code 0x10, of every kind of
 // command. Rows run in order (client ids 1, 2): requests by number and by
-// name, pid payloads, client ids, --watch bounded by --count, --list (first id
-// wins, unknown types left out, ids in hex), the exit status of every kind of
-// failure; then --json parsed back: text payloads as text, binary ones as
+// name, pid payloads, client ids, --watch bounded by --count, a profile with
+// -c before the subcommand, --list (first id wins, unknown types left out,
+// ids in hex), the exit status of every kind of failure; then --json parsed back: text payloads as text, binary ones as
 // base64, a cut header's missing fields as null.
 TEST(client_e2e, against_the_daemon) {
     temp_dir dir;
     int port = free_port();
     const string d = dir.path(), ep = "tcp://127.0.0.1:" + std::to_string(port);
-    for (auto [name, text] : {std::pair{"data.txt", string("hello vireo\n")}, {"4242.txt", "pid 4242\n"}, {"bin.dat", string("\xff\xfe\x00\x01", 4)}})
+    for (auto [name, text] : {std::pair{"data.txt", string("hello vireo\n")}, {"4242.txt", "pid 4242\n"}, {"7.txt", "7\tmain\t0\tmain;work\n"}, {"bin.dat", string("\xff\xfe\x00\x01", 4)}})
         dir.write(name, text);
     string sub = dir.write("sub.json", R"({"cmd-list": [
         {"name": "data", "id": "1", "type": "file", "file": ")" + d + R"(/data.txt"},
@@ -56,6 +56,7 @@ TEST(client_e2e, against_the_daemon) {
         {c + "demo.dat", 64, "", "no command named demo.dat in " + main_json + " (did you mean demo.data?)\n"},
         {e + "10 3 --pid 1 --byte 2", 64, "", "exclude each other"},
         {"-c " + d + "/absent.json demo.data", 78, "", "cannot open"},
+        {c + "profile --pid 7 --rate 20 --duration 0.01 --command 10 3", 0, "main;work 1\n", ""},  // one sample: the next is due after the end
         {c + "--list", 0, "NAME                     CODE       ID         KIND      TARGET\n"
                           "demo.data                0x10       0x1        file      " + d + "/data.txt\n"
                           "demo.missing             0x10       0x2        file      " + d + "/none.txt\n"

@@ -1,4 +1,5 @@
-// Byte order, the checksum entry point, and the file cache on real files.
+// Byte order, the checksum entry point, size and time formatting, and the
+// file cache on real files.
 #include "common_func.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -17,7 +19,10 @@ using bytes = std::vector<uint8_t>;
 
 // 32-bit values travel little-endian, 64-bit big-endian, at any alignment and
 // writing only their own bytes; the checksum is 0 and never reads its input.
-TEST(common_func, byte_order_and_checksum) {
+// A size shows its last division's first decimal rounded half up (remainder
+// 52 of 1024 is .1), a carry not rescaled; time_diff counts a second as 1000
+// and truncates the microseconds by themselves (1000 - 999).
+TEST(common_func, byte_order_checksum_sizes_and_times) {
     bytes b(11, 0xEE);
     u32_to_u8(0x12345678, &b[1]);
     EXPECT_EQ(b, (bytes{0xEE, 0x78, 0x56, 0x34, 0x12, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
@@ -29,6 +34,10 @@ TEST(common_func, byte_order_and_checksum) {
               std::make_pair(0xAC, 0xEDB88320u));
     for (const CRC_32& preset : {crc_32, crc_32_MPEG2})
         EXPECT_EQ(crc32(nullptr, 1 << 20, preset), 0u);
+    std::ostringstream sizes;
+    for (uint64_t n : {1076ull, 1048575ull}) show_by_unit(n, sizes, 0);
+    EXPECT_EQ(sizes.str(), "1.1K1024.0K");
+    EXPECT_EQ(time_diff(timeval{1, 999999}, timeval{2, 0}), 1u);
 }
 
 // Callers inside read() per descriptor, and the most seen at once on one.

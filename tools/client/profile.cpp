@@ -2,16 +2,16 @@
 // plug-in's sample command at a fixed rate and writes them as folded stacks,
 // "frame;frame;...;leaf COUNT" root first, the input of flame-graph tools
 // and speedscope.
-#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <thread>
 
-#include "vireo_client.h"
+#include "client_cli.h"
 
 namespace {
 
@@ -30,15 +30,12 @@ const char profile_usage[] =
     "  --command CODE SUB  the sample command (default 0x30 4, or found by -c)\n"
     "  --server-key FILE_OR_Z85, --key FILE\n"
     "                   CURVE keys, as for a single request (or the -c file's \"client\")\n"
+    "-e, -c, -t and the keys may also stand before \"profile\".\n"
     "Ctrl-C ends sampling early; what was collected is still written.\n"
     "exit status: 0 written, 1 the daemon answered only errors, 2 no reply in time,\n"
-    "  3 malformed reply, 64 usage error, 74 writing failed, 78 configuration unreadable,\n"
+    "  3 malformed reply, 4 connection refused or host unreachable or unknown,\n"
+    "  5 handshake refused, 64 usage error, 74 writing failed, 78 configuration unreadable,\n"
     "  130 interrupted (written all the same)\n";
-
-volatile sig_atomic_t interrupted = 0;
-void on_interrupt(int) {
-    interrupted = 1;
-}
 
 struct profile_options {
     uint32_t pid = 0, tid = 0;
@@ -49,82 +46,129 @@ struct profile_options {
     bool command_given = false;
 };
 
-bool number(const char* text, double lo, double hi, double& out) {
+// What sampling has collected.
+struct samples {
+    std::map<std::string, long> counts;  // by folded stack
+    long requests = 0, stacks = 0, errors = 0;
+    int32_t last_error = 0;  // the daemon's last error status, 0 for none
+};
+
+bool number(const std::string& text, double lo, double hi, double& out) {
     char* end = nullptr;
-    double v = strtod(text, &end);
-    if (end == text || *end != '\0' || !(v >= lo && v <= hi))
+    double v = strtod(text.c_str(), &end);
+    if (end == text.c_str() || *end != '\0' || !(v >= lo && v <= hi))
         return false;
     out = v;
     return true;
 }
 
-bool hex(const char* text, uint32_t& out) {
-    try {
-        size_t used = 0;
-        unsigned long v = std::stoul(text, &used, 16);
-        if (text[used] != '\0' || v > 0xFFFFFFFFul)
+// Stores the value v of option a (a global option by its first name);
+// false with why when the value is no good.
+bool set_option(const std::string& a, const std::string& v, const std::string& sub,
+                profile_options& o, std::string& why) {
+    double d = 0;
+    if (a == "--pid" || a == "--tid") {
+        if (!number(v, 1, 2147483647, d) || d != static_cast<uint32_t>(d)) {
+            why = a + " needs a process or thread id, not \"" + v + "\"";
             return false;
-        out = static_cast<uint32_t>(v);
-        return true;
-    } catch (const std::exception&) {
-        return false;
+        }
+        (a == "--pid" ? o.pid : o.tid) = static_cast<uint32_t>(d);
+    } else if (a == "--duration" && !number(v, 0.01, 86400, o.duration)) {
+        why = "--duration needs seconds, not \"" + v + "\"";
+    } else if (a == "--rate" && !number(v, 0.01, 1000, o.rate)) {
+        why = "--rate needs samples per second up to 1000, not \"" + v + "\"";
+    } else if (a == "-t") {
+        if (!number(v, 1, 86400000, d)) {
+            why = "-t needs a timeout in milliseconds, not \"" + v + "\"";
+            return false;
+        }
+        o.timeout_ms = static_cast<int>(d);
+    } else if (a == "--command") {
+        o.command_given = parse_hex_u32(v, o.code) && parse_hex_u32(sub, o.sub);
+        why = o.command_given ? "" : "--command needs CODE and SUB in hex";
+    } else if (a == "-o" || a == "-e" || a == "-c") {
+        (a == "-o" ? o.out_path : a == "-e" ? o.endpoint : o.config_path) = v;
+    } else if (a == "--server-key" || a == "--key") {
+        (a == "--key" ? o.key : o.server_key) = v;
     }
+    return why.empty();
 }
 
+// 0, 1 for the help, or -1 with why. The client's global options go by any
+// of their names, and every option takes "--opt=VALUE" as well.
 int parse(int argc, char** argv, profile_options& o, std::string& why) {
     for (int i = 1; i < argc; i++) {
-        std::string a = argv[i];
-        const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
-        double d = 0;
+        const std::string arg = argv[i];
+        std::string v;
+        bool has_inline = false;
+        const option_def* g = find_option(arg, v, has_inline);  // splits any "--name=value"
+        const bool global = g != nullptr && g->global;
+        const std::string typed = has_inline ? arg.substr(0, arg.find('=')) : arg;
+        const std::string a = global ? g->name : typed;
         if (a == "-h" || a == "--help")
             return 1;
-        if (v == nullptr || (a == "--command" && i + 2 >= argc)) {
-            why = a == "--pid" || a == "--tid" || a == "--duration" || a == "--rate" || a == "-o" ||
-                          a == "-e" || a == "-c" || a == "-t" || a == "--command" ||
-                          a == "--server-key" || a == "--key"
-                      ? a + " needs a value"
-                      : "unknown option " + a;
+        const bool known = global || a == "--pid" || a == "--tid" || a == "--duration" ||
+                           a == "--rate" || a == "-o" || a == "--command";
+        const int values = (has_inline ? 0 : 1) + (a == "--command" ? 1 : 0);
+        if (!known || i + values >= argc) {
+            why = known ? typed + " needs a value" : "unknown option " + arg;
             return -1;
         }
-        i++;
-        if (a == "--pid" || a == "--tid") {
-            if (!number(v, 1, 2147483647, d) || d != static_cast<uint32_t>(d)) {
-                why = a + " needs a process or thread id, not \"" + v + "\"";
-                return -1;
-            }
-            (a == "--pid" ? o.pid : o.tid) = static_cast<uint32_t>(d);
-        } else if (a == "--duration" && !number(v, 0.01, 86400, o.duration)) {
-            why = std::string("--duration needs seconds, not \"") + v + "\"";
+        v = has_inline ? v : argv[++i];
+        const std::string sub = a == "--command" ? argv[++i] : "";
+        if (!set_option(a, v, sub, o, why))
             return -1;
-        } else if (a == "--rate" && !number(v, 0.01, 1000, o.rate)) {
-            why = std::string("--rate needs samples per second up to 1000, not \"") + v + "\"";
-            return -1;
-        } else if (a == "-t") {
-            if (!number(v, 1, 86400000, d)) {
-                why = std::string("-t needs a timeout in milliseconds, not \"") + v + "\"";
-                return -1;
-            }
-            o.timeout_ms = static_cast<int>(d);
-        } else if (a == "--command") {
-            if (!hex(v, o.code) || !hex(argv[++i], o.sub)) {
-                why = "--command needs CODE and SUB in hex";
-                return -1;
-            }
-            o.command_given = true;
-        } else if (a == "-o" || a == "-e" || a == "-c") {
-            (a == "-o" ? o.out_path : a == "-e" ? o.endpoint : o.config_path) = v;
-        } else if (a == "--server-key" || a == "--key") {
-            (a == "--key" ? o.key : o.server_key) = v;
-        } else if (a != "--duration" && a != "--rate") {
-            why = "unknown option " + a;
-            return -1;
-        }
     }
     if (o.pid == 0) {
         why = "profile needs --pid";
         return -1;
     }
     return 0;
+}
+
+// The -c configuration's endpoint, sample command and keys where the command
+// line leaves them open; 0, or an exit status after a message.
+int apply_config(profile_options& o) {
+    client_config cfg;
+    std::string why;
+    if (load_client_config(o.config_path, cfg, why) != 0) {
+        fprintf(stderr, "vireo-client: %s\n", why.c_str());
+        return client_exit::config;
+    }
+    for (const client_cmd& c : cfg.cmds) {
+        const std::string sym = ":probe_sample";
+        bool is_sample = c.target.size() > sym.size() &&
+                         c.target.compare(c.target.size() - sym.size(), sym.size(), sym) == 0;
+        if (is_sample && !o.command_given) {
+            o.code = c.code;
+            o.sub = c.id;
+            break;
+        }
+    }
+    o.server_key = o.server_key.empty() ? cfg.server_key : o.server_key;
+    o.key = o.key.empty() ? cfg.key : o.key;
+    if (o.endpoint.empty()) {
+        bool wildcard = cfg.ip.empty() || cfg.ip == "0.0.0.0" || cfg.ip == "*";
+        o.endpoint = "tcp://" + (wildcard ? std::string("127.0.0.1") : cfg.ip) + ":" +
+                     std::to_string(cfg.port);
+    }
+    return client_exit::ok;
+}
+
+// 0, or an exit status after a message.
+int load_keys(const profile_options& o, client_keys& keys) {
+    std::string why;
+    if (o.server_key.empty() != o.key.empty()) {
+        fprintf(stderr,
+                "vireo-client: profile: a CURVE client needs both --server-key and --key\n");
+        return client_exit::usage;
+    }
+    if (!o.key.empty() && (load_server_key(o.server_key, keys.server_public, why) != 0 ||
+                           load_secret_key(o.key, keys, why) != 0)) {
+        fprintf(stderr, "vireo-client: %s\n", why.c_str());
+        return client_exit::config;
+    }
+    return client_exit::ok;
 }
 
 // Adds one sample reply ("TID\tNAME\tHELD_US\tSTACK" lines) to the counts.
@@ -150,11 +194,77 @@ bool add_sample(const std::string& text, std::map<std::string, long>& counts, lo
     return true;
 }
 
+// One sample request; -1 to go on, else the exit status that ends sampling.
+int take_sample(client_conn& conn, const profile_options& o, const std::vector<uint8_t>& payload,
+                samples& s, bool progress) {
+    client_reply r;
+    std::string why;
+    int rc = conn.request(o.code, o.sub, payload, r, why);
+    s.requests++;
+    if (stop_signal != 0)
+        return client_exit::ok;
+    if (rc == client_malformed ||
+        (rc == 0 && r.header().msg_len >= 0 && !add_sample(r.payload, s.counts, s.stacks))) {
+        fprintf(stderr, "%svireo-client: malformed reply from %s: %s\n", progress ? "\n" : "",
+                o.endpoint.c_str(), rc != 0 ? why.c_str() : "not a stack sample");
+        return client_exit::malformed;
+    }
+    if (rc != 0) {
+        fprintf(stderr, "%svireo-client: %s\n", progress ? "\n" : "", why.c_str());
+        return client_exit::of_result(rc);
+    }
+    if (r.header().msg_len < 0) {
+        s.errors++;
+        s.last_error = r.header().msg_len;
+        if (s.last_error == -3)
+            return client_exit::ok;  // the process is gone: nothing more to sample
+    }
+    return -1;
+}
+
+// Samples at o.rate until o.duration has passed, a signal comes or a request
+// fails; the exit status so far.
+int sample_loop(client_conn& conn, const profile_options& o, samples& s) {
+    std::vector<uint8_t> payload(o.tid != 0 ? 8 : 4);
+    u32_to_u8(o.pid, payload.data());
+    if (o.tid != 0)
+        u32_to_u8(o.tid, payload.data() + 4);
+    using clock = std::chrono::steady_clock;
+    const bool progress = isatty(STDERR_FILENO) == 1;
+    const auto start = clock::now();
+    const auto stop = start + std::chrono::duration<double>(o.duration);
+    const auto period =
+        std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(1 / o.rate));
+    int status = -1;
+    for (auto next = start; status < 0 && stop_signal == 0 && clock::now() < stop;) {
+        status = take_sample(conn, o, payload, s, progress);
+        if (status < 0 && progress) {
+            double t = std::chrono::duration<double>(clock::now() - start).count();
+            fprintf(stderr, "\rprofile: pid %u, %.1f/%.1f s, %ld samples, %ld stacks, %ld errors ",
+                    o.pid, t, o.duration, s.requests, s.stacks, s.errors);
+        }
+        // A late reply does not make the next ones come in a burst.
+        next = std::max(next + period, clock::now());
+        while (status < 0 && stop_signal == 0 && clock::now() < next) {
+            std::this_thread::sleep_for(
+                std::min<clock::duration>(next - clock::now(), std::chrono::milliseconds(50)));
+        }
+    }
+    if (progress)
+        fputc('\n', stderr);
+    if (s.stacks == 0 && s.last_error != 0 && status <= 0) {
+        fprintf(stderr, "vireo-client: profile: %s (%d)\n", status_text(s.last_error).c_str(),
+                s.last_error);
+        return client_exit::status;
+    }
+    return status < 0 ? client_exit::ok : status;
+}
+
 int write_folded(const std::map<std::string, long>& counts, const std::string& path) {
     FILE* f = path.empty() ? stdout : fopen(path.c_str(), "w");
     if (f == nullptr) {
         fprintf(stderr, "vireo-client: cannot write %s\n", path.c_str());
-        return 74;
+        return client_exit::output;
     }
     bool ok = true;
     for (const auto& e : counts) ok = fprintf(f, "%s %ld\n", e.first.c_str(), e.second) > 0 && ok;
@@ -164,9 +274,9 @@ int write_folded(const std::map<std::string, long>& counts, const std::string& p
     if (!ok) {
         fprintf(stderr, "vireo-client: writing %s failed\n",
                 path.empty() ? "the profile" : path.c_str());
-        return 74;
+        return client_exit::output;
     }
-    return 0;
+    return client_exit::ok;
 }
 
 }  // namespace
@@ -179,118 +289,28 @@ int run_profile(int argc, char** argv) {
         if (prc < 0)
             fprintf(stderr, "vireo-client: %s\n", why.c_str());
         fputs(profile_usage, prc < 0 ? stderr : stdout);
-        return prc < 0 ? 64 : 0;
+        return prc < 0 ? client_exit::usage : client_exit::ok;
     }
     if (!o.config_path.empty()) {
-        client_config cfg;
-        if (load_client_config(o.config_path, cfg, why) != 0) {
-            fprintf(stderr, "vireo-client: %s\n", why.c_str());
-            return 78;
-        }
-        for (const client_cmd& c : cfg.cmds) {
-            const std::string sym = ":probe_sample";
-            bool is_sample = c.target.size() > sym.size() &&
-                             c.target.compare(c.target.size() - sym.size(), sym.size(), sym) == 0;
-            if (is_sample && !o.command_given) {
-                o.code = c.code;
-                o.sub = c.id;
-                break;
-            }
-        }
-        o.server_key = o.server_key.empty() ? cfg.server_key : o.server_key;
-        o.key = o.key.empty() ? cfg.key : o.key;
-        if (o.endpoint.empty()) {
-            bool wildcard = cfg.ip.empty() || cfg.ip == "0.0.0.0" || cfg.ip == "*";
-            o.endpoint = "tcp://" + (wildcard ? std::string("127.0.0.1") : cfg.ip) + ":" +
-                         std::to_string(cfg.port);
-        }
+        if (int rc = apply_config(o); rc != client_exit::ok)
+            return rc;
     }
     if (o.endpoint.empty())
         o.endpoint = "tcp://127.0.0.1:6600";
-
-    struct sigaction sa {};
-    sa.sa_handler = on_interrupt;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-
-    std::vector<uint8_t> payload(o.tid != 0 ? 8 : 4);
-    u32_to_u8(o.pid, payload.data());
-    if (o.tid != 0)
-        u32_to_u8(o.tid, payload.data() + 4);
-
     client_keys keys;
-    if (o.server_key.empty() != o.key.empty()) {
-        fprintf(stderr,
-                "vireo-client: profile: a CURVE client needs both --server-key and --key\n");
-        return 64;
-    }
-    if (!o.key.empty() && (load_server_key(o.server_key, keys.server_public, why) != 0 ||
-                           load_secret_key(o.key, keys, why) != 0)) {
-        fprintf(stderr, "vireo-client: %s\n", why.c_str());
-        return 78;
-    }
+    if (int rc = load_keys(o, keys); rc != client_exit::ok)
+        return rc;
+    catch_stop_signals();
     client_conn conn(o.endpoint, o.timeout_ms, keys);
+    conn.stop = &stop_signal;
     if (conn.open(why) != 0) {
         fprintf(stderr, "vireo-client: %s\n", why.c_str());
-        return 64;
+        return client_exit::usage;
     }
-    using clock = std::chrono::steady_clock;
-    const bool progress = isatty(STDERR_FILENO) == 1;
-    const auto start = clock::now();
-    const auto stop = start + std::chrono::duration<double>(o.duration);
-    const auto period =
-        std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(1 / o.rate));
-    std::map<std::string, long> counts;
-    long requests = 0, stacks = 0, errors = 0;
-    int32_t last_error = 0;
-    int status = 0;
-    auto next = start;
-    while (interrupted == 0 && clock::now() < stop) {
-        client_reply r;
-        int rc = conn.request(o.code, o.sub, payload, r, why);
-        requests++;
-        if (interrupted != 0)
-            break;
-        if (rc == client_malformed ||
-            (rc == 0 && r.header().msg_len >= 0 && !add_sample(r.payload, counts, stacks))) {
-            fprintf(stderr, "%svireo-client: malformed reply from %s: %s\n", progress ? "\n" : "",
-                    o.endpoint.c_str(), rc != 0 ? why.c_str() : "not a stack sample");
-            status = 3;
-            break;
-        }
-        if (rc != 0) {
-            fprintf(stderr, "%svireo-client: %s\n", progress ? "\n" : "", why.c_str());
-            status = 2;
-            break;
-        }
-        if (r.header().msg_len < 0) {
-            errors++;
-            last_error = r.header().msg_len;
-            if (last_error == -3)
-                break;  // the process is gone: nothing more to sample
-        }
-        if (progress) {
-            double t = std::chrono::duration<double>(clock::now() - start).count();
-            fprintf(stderr, "\rprofile: pid %u, %.1f/%.1f s, %ld samples, %ld stacks, %ld errors ",
-                    o.pid, t, o.duration, requests, stacks, errors);
-        }
-        // A late reply does not make the next ones come in a burst.
-        next = std::max(next + period, clock::now());
-        while (interrupted == 0 && clock::now() < next) {
-            std::this_thread::sleep_for(
-                std::min<clock::duration>(next - clock::now(), std::chrono::milliseconds(50)));
-        }
-    }
-    if (progress)
-        fputc('\n', stderr);
-    if (stacks == 0 && last_error != 0 && status == 0) {
-        fprintf(stderr, "vireo-client: profile: %s (%d)\n", status_text(last_error).c_str(),
-                last_error);
-        status = 1;
-    }
-    int wrc = write_folded(counts, o.out_path);
-    if (wrc != 0)
+    samples s;
+    int status = sample_loop(conn, o, s);
+    int wrc = write_folded(s.counts, o.out_path);
+    if (wrc != client_exit::ok)
         return wrc;
-    return interrupted != 0 ? 130 : status;
+    return stop_signal != 0 ? client_exit::signalled + stop_signal : status;
 }

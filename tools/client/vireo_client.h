@@ -133,6 +133,31 @@ int load_secret_key(const std::string& path, client_keys& keys, std::string& why
 // an existing file) and base.pub; fills public_key.
 int write_key_pair(const std::string& base, std::string& public_key, std::string& why);
 
+// Exit statuses of vireo-client and its subcommands; 64, 74 and 78 as in
+// sysexits.h (usage, output, configuration).
+namespace client_exit {
+constexpr int ok = 0;
+constexpr int status = 1;     // the daemon answered with an error code
+constexpr int timeout = 2;    // no reply in time
+constexpr int malformed = 3;  // the reply does not hold together
+constexpr int refused = 4;    // connection refused, host unreachable or unknown
+constexpr int handshake = 5;  // the security handshake was refused
+constexpr int usage = 64;
+constexpr int output = 74;      // writing stdout (or a key file) failed
+constexpr int config = 78;      // configuration or key file unreadable
+constexpr int signalled = 128;  // plus the signal's number: 130 for Ctrl-C
+
+// The exit status for a result of client_conn::request other than 0 and
+// client_interrupted (whose status is the signal's).
+inline int of_result(int result) {
+    return result == client_malformed   ? malformed
+           : result == client_refused   ? refused
+           : result == client_handshake ? handshake
+           : result == client_bad_input ? usage
+                                        : timeout;
+}
+}  // namespace client_exit
+
 // Subcommands whose bodies live in their own files; argv[0] is the
 // subcommand's name. They return the process's exit status.
 //

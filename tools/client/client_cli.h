@@ -1,0 +1,99 @@
+// The vireo-client program's parts, one job per file: the command line
+// (options.cpp), the request it names (request.cpp), output formats
+// (output.cpp), rounds under --watch (watch.cpp), keys (keys.cpp), and the
+// choice of job (main.cpp). The library underneath is vireo_client.h.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vireo_client.h"
+
+// An option of the command line; alias names the same option. Global options
+// are also accepted before a subcommand, which gets them in front of its own.
+struct option_def {
+    const char* name;
+    const char* alias;
+    bool takes_value;
+    bool global;
+};
+
+// The option that arg (perhaps "--name=value") names, with its value split
+// off into inline_value; nullptr for none.
+const option_def* find_option(const std::string& arg, std::string& inline_value, bool& has_inline);
+// True when arg reads as an option rather than a word ("-5" is a word).
+bool is_option_word(const std::string& arg);
+
+// What the command line asks of a request run (and of keygen and --list).
+struct options {
+    std::string endpoint;  // empty: from the configuration, else the default
+    int timeout_ms = 3000;
+    std::string config_path;
+    std::string server_key;
+    std::string key;
+    bool list = false;
+    bool verbose = false;
+    bool json = false;
+    bool help = false;
+    bool version = false;
+    double watch_s = 0;  // 0: no pause between rounds
+    long count = 0;      // 0: one round, or unbounded with --watch
+    bool watch = false;
+    int payload_opts = 0;  // how many of --pid, --byte, --hex were given
+    std::vector<uint8_t> payload;
+    std::vector<std::string> args;  // the words that are no options
+};
+
+extern const char usage_text[];
+
+// Reads the command line into o; 0, or -1 with why (a usage error).
+int parse_args(int argc, char** argv, options& o, std::string& why);
+// Decimal text, the whole of it, up to max.
+bool parse_ulong(const std::string& text, unsigned long max, unsigned long& out);
+// A command code or id: hex with optional "0x", the whole text.
+bool parse_hex_u32(const std::string& text, uint32_t& out);
+// " (did you mean X?)" for the first candidate one edit away, else "".
+std::string did_you_mean(const std::string& word, const std::vector<std::string>& candidates);
+// One line saying what is wrong, and where to read more; client_exit::usage.
+int usage_error(const std::string& why);
+
+// What one round sends.
+struct request_spec {
+    uint32_t command = 0;
+    uint32_t sub_command = 0;
+    std::vector<uint8_t> payload;
+    bool take_id = false;
+    std::string label;  // for messages
+};
+
+// Turns the words of the command line into a request; 0, or -1 (usage) or
+// -2 (a name needs the configuration that could not be read) with why. cfg
+// is the configuration read (nullptr for none), cfg_error why it was not.
+int make_spec(const options& o, const client_config* cfg, const std::string& cfg_path,
+              const std::string& cfg_error, request_spec& r, std::string& why);
+
+// Flushes stdout; client_exit::ok, or client_exit::output with a message
+// when a write failed (a full disk, a closed pipe).
+int flush_output();
+// The reply header, field by field, on stderr (-v).
+void print_verbose(const client_reply& r);
+// The whole reply as one line of JSON on stdout (--json).
+void print_json(const client_reply& r, const std::string& endpoint, bool take_id);
+// The configured commands as a table or a JSON array (--list); exit status.
+int list_commands(const client_config& cfg, bool json);
+
+// The signal that asked the client to stop, or 0.
+extern volatile sig_atomic_t stop_signal;
+// Makes SIGINT and SIGTERM set stop_signal and end a pending wait.
+void catch_stop_signals();
+// Sends rq once, or repeatedly under --watch / --count, printing each
+// reply; the exit status of the last round, or of the signal that ended it.
+int run_rounds(client_conn& conn, const request_spec& rq, const options& o);
+
+// keygen BASE: writes a key pair and prints its public key; exit status.
+int keygen(const options& o);
+// The CURVE keys: options first, then the configuration's "client" object
+// (cfg may be nullptr). client_exit::ok, or an exit status after a message.
+int find_keys(const options& o, const client_config* cfg, client_keys& keys);
