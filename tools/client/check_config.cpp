@@ -24,11 +24,7 @@
 
 namespace {
 
-constexpr int exit_ok = 0;
-constexpr int exit_problems = 1;
-constexpr int exit_usage = 64;
-constexpr int exit_output = 74;
-constexpr int exit_unreadable = 78;
+constexpr int exit_problems = 1;  // the daemon would not start or not serve every command
 
 const char usage_line[] = "usage: vireo-client check-config MAIN.json\n";
 
@@ -509,11 +505,11 @@ std::string count(size_t n, const char* what) {
 int run_check_config(int argc, char** argv) {
     if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
         fputs(usage_line, stdout);
-        return fflush(stdout) == 0 && !ferror(stdout) ? exit_ok : exit_output;
+        return fflush(stdout) == 0 && !ferror(stdout) ? client_exit::ok : client_exit::output;
     }
     if (argc != 2) {
         fprintf(stderr, "vireo-client: check-config takes one file; %s", usage_line);
-        return exit_usage;
+        return client_exit::usage;
     }
     checker ck;
     source main_src;
@@ -525,10 +521,10 @@ int run_check_config(int argc, char** argv) {
            count(static_cast<size_t>(ck.warnings), "warning").c_str(),
            count(ck.groups, "group").c_str(), count(ck.commands, "command").c_str());
     if (fflush(stdout) != 0 || ferror(stdout)) {
-        return exit_output;
+        return client_exit::output;
     }
     if (loaded > 0) {
-        return exit_unreadable;
+        return client_exit::config;
     }
-    return ck.errors > 0 ? exit_problems : exit_ok;
+    return ck.errors > 0 ? exit_problems : client_exit::ok;
 }

@@ -52,8 +52,6 @@ extern const char usage_text[];
 int parse_args(int argc, char** argv, options& o, std::string& why);
 // Decimal text, the whole of it, up to max.
 bool parse_ulong(const std::string& text, unsigned long max, unsigned long& out);
-// A command code or id: hex with optional "0x", the whole text.
-bool parse_hex_u32(const std::string& text, uint32_t& out);
 // " (did you mean X?)" for the first candidate one edit away, else "".
 std::string did_you_mean(const std::string& word, const std::vector<std::string>& candidates);
 // One line saying what is wrong, and where to read more; client_exit::usage.

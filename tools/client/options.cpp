@@ -227,16 +227,6 @@ bool parse_ulong(const std::string& text, unsigned long max, unsigned long& out)
     return true;
 }
 
-bool parse_hex_u32(const std::string& text, uint32_t& out) {
-    size_t start = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') ? 2 : 0;
-    if (start == text.size() || text.size() - start > 8 ||
-        text.find_first_not_of("0123456789abcdefABCDEF", start) != std::string::npos) {
-        return false;
-    }
-    out = static_cast<uint32_t>(strtoul(text.c_str() + start, nullptr, 16));
-    return true;
-}
-
 int parse_args(int argc, char** argv, options& o, std::string& why) {
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];

@@ -84,7 +84,7 @@ bool set_option(const std::string& a, const std::string& v, const std::string& s
         }
         o.timeout_ms = static_cast<int>(d);
     } else if (a == "--command") {
-        o.command_given = parse_hex_u32(v, o.code) && parse_hex_u32(sub, o.sub);
+        o.command_given = parse_hex_arg(v, o.code) && parse_hex_arg(sub, o.sub);
         why = o.command_given ? "" : "--command needs CODE and SUB in hex";
     } else if (a == "-o" || a == "-e" || a == "-c") {
         (a == "-o" ? o.out_path : a == "-e" ? o.endpoint : o.config_path) = v;

@@ -68,7 +68,7 @@ int make_spec(const options& o, const client_config* cfg, const std::string& cfg
         return id_request(a, r, why);
     }
     uint32_t code = 0;
-    if (!id_cmd && a[0].find('.') == std::string::npos && !parse_hex_u32(a[0], code)) {
+    if (!id_cmd && a[0].find('.') == std::string::npos && !parse_hex_arg(a[0], code)) {
         why = "unknown request \"" + a[0] + "\"" + did_you_mean(a[0], request_words);
         return -1;
     }
@@ -76,7 +76,7 @@ int make_spec(const options& o, const client_config* cfg, const std::string& cfg
         return named_request(a[0], cfg, cfg_path, cfg_error, r, why);
     }
     if (a.size() == 2 && !id_cmd) {
-        if (!parse_hex_u32(a[0], r.command) || !parse_hex_u32(a[1], r.sub_command)) {
+        if (!parse_hex_arg(a[0], r.command) || !parse_hex_arg(a[1], r.sub_command)) {
             why = "CODE and SUB are hexadecimal (\"0x10\", \"10\"), not \"" + a[0] + "\" \"" +
                   a[1] + "\"";
             return -1;
