@@ -37,6 +37,7 @@ const char usage_text[] =
     "       vireo-client [-c MAIN.json] [--json] --list\n"
     "       vireo-client keygen BASE\n"
     "       vireo-client profile ...  |  vireo-client check-config MAIN.json\n"
+    "       vireo-client symbolize [--debug-dir DIR]... [--debuginfod URL] [FILE]\n"
     "REQUEST:\n"
     "  CODE SUB [--pid N | --byte N | --hex HEXBYTES]\n"
     "                   command code and sub-command in hex (\"0x10\", \"10\")\n"
@@ -650,9 +651,14 @@ int find_keys(const options& o, const client_config* cfg, client_keys& keys) {
 
 }  // namespace
 
+int run_symbolize(int argc, char** argv);  // symbolize_cmd.cpp
+
 int main(int argc, char** argv) {
     if (argc > 1 && strcmp(argv[1], "profile") == 0) {
         return run_profile(argc - 1, argv + 1);
+    }
+    if (argc > 1 && strcmp(argv[1], "symbolize") == 0) {
+        return run_symbolize(argc - 1, argv + 1);
     }
     if (argc > 1 && strcmp(argv[1], "check-config") == 0) {
         return run_check_config(argc - 1, argv + 1);
