@@ -40,8 +40,7 @@ bool hex_text(const std::string& s) {
 }
 
 std::string lower(std::string s) {
-    for (char& c : s)
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
     return s;
 }
 
@@ -61,8 +60,7 @@ int parse_module(const std::vector<std::string>& f, markup_module& m) {
     if (f[f.size() - 2] != "elf" || !hex_text(m.build_id))
         return symbolize_bad_markup;
     m.name.clear();
-    for (size_t i = 2; i + 2 < f.size(); i++)
-        m.name += (i > 2 ? ":" : "") + f[i];
+    for (size_t i = 2; i + 2 < f.size(); i++) m.name += (i > 2 ? ":" : "") + f[i];
     return 0;
 }
 

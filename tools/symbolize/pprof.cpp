@@ -15,8 +15,7 @@ struct pb {
     std::string b;
 
     void varint(uint64_t v) {
-        for (; v >= 0x80; v >>= 7)
-            b += static_cast<char>((v & 0x7f) | 0x80);
+        for (; v >= 0x80; v >>= 7) b += static_cast<char>((v & 0x7f) | 0x80);
         b += static_cast<char>(v);
     }
     void key(int field, int wire_type) { varint(static_cast<uint64_t>(field) << 3 | wire_type); }
@@ -34,16 +33,23 @@ struct pb {
     }
     void packed(int field, const std::vector<uint64_t>& vs) {
         pb inner;
-        for (uint64_t v : vs)
-            inner.varint(v);
+        for (uint64_t v : vs) inner.varint(v);
         bytes(field, inner.b);
     }
 };
 
 // Field numbers of profile.proto.
 enum profile_field {
-    p_sample_type = 1, p_sample = 2, p_mapping = 3, p_location = 4, p_function = 5,
-    p_string_table = 6, p_time_nanos = 9, p_duration_nanos = 10, p_period_type = 11, p_period = 12
+    p_sample_type = 1,
+    p_sample = 2,
+    p_mapping = 3,
+    p_location = 4,
+    p_function = 5,
+    p_string_table = 6,
+    p_time_nanos = 9,
+    p_duration_nanos = 10,
+    p_period_type = 11,
+    p_period = 12
 };
 
 struct writer {
@@ -51,7 +57,7 @@ struct writer {
     std::vector<std::string> strings{""};
     std::map<std::string, uint64_t> string_ids{{"", 0}};
     std::map<std::pair<std::string, std::string>, uint64_t> functions;  // (name, file)
-    std::map<uint64_t, uint64_t> locations;                            // address -> id
+    std::map<uint64_t, uint64_t> locations;                             // address -> id
     std::map<const markup_mmap*, uint64_t> mappings;
 
     uint64_t str(const std::string& s) {
@@ -187,8 +193,7 @@ std::string encode_pprof(const pprof_profile& p, symbolizer* s) {
         w.out.num(p_period, static_cast<uint64_t>(p.period_ns));
     }
     // The string table comes last: only now are all its strings known.
-    for (const std::string& str : w.strings)
-        w.out.bytes(p_string_table, str);
+    for (const std::string& str : w.strings) w.out.bytes(p_string_table, str);
     return w.out.b;
 }
 

@@ -1,6 +1,8 @@
 // Finding a module's debug file by build-id and naming its addresses with
 // libdwfl: the symbol table for the function, DWARF scopes for inlined calls
 // and the line table for file and line.
+#include "symbolize.h"
+
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdw.h>
@@ -9,11 +11,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-
-#include "symbolize.h"
 
 #ifdef VIREO_HAVE_DEBUGINFOD
 #include <elfutils/debuginfod.h>
@@ -31,8 +32,8 @@ struct debug_file {
 
 // A debug file is looked up by build-id only: no path is searched, no
 // server asked behind our back.
-int no_debuginfo(Dwfl_Module*, void**, const char*, Dwarf_Addr, const char*, const char*,
-                 GElf_Word, char**) {
+int no_debuginfo(Dwfl_Module*, void**, const char*, Dwarf_Addr, const char*, const char*, GElf_Word,
+                 char**) {
     return -1;
 }
 
@@ -109,6 +110,18 @@ std::string die_function(Dwarf_Die* die) {
     return s != nullptr ? s : "";
 }
 
+// A source file as the compiler saw it: relative names are relative to the
+// unit's compilation folder.
+std::string source_path(Dwarf_Die* cu, const char* file) {
+    if (file == nullptr)
+        return "";
+    Dwarf_Attribute a;
+    const char* dir = dwarf_formstring(dwarf_attr(cu, DW_AT_comp_dir, &a));
+    if (file[0] == '/' || dir == nullptr || dir[0] == '\0')
+        return file;
+    return std::string(dir) + "/" + file;
+}
+
 // The source position an inlined call was made from.
 void call_site(Dwarf_Die* cu, Dwarf_Die* inl, std::string& file, int& line) {
     Dwarf_Attribute a;
@@ -121,8 +134,7 @@ void call_site(Dwarf_Die* cu, Dwarf_Die* inl, std::string& file, int& line) {
         line = static_cast<int>(ln);
     if (dwarf_formudata(dwarf_attr(inl, DW_AT_call_file, &a), &idx) == 0 &&
         dwarf_getsrcfiles(cu, &files, &n) == 0 && idx < n) {
-        const char* f = dwarf_filesrc(files, idx, nullptr, nullptr);
-        file = f != nullptr ? f : "";
+        file = source_path(cu, dwarf_filesrc(files, idx, nullptr, nullptr));
     }
 }
 
@@ -134,11 +146,22 @@ void dwarf_frames(Dwfl_Module* mod, Dwarf_Addr addr, std::vector<frame_name>& ou
         return;
     frame_name next;
     if (Dwfl_Line* l = dwfl_module_getsrc(mod, addr)) {
-        const char* f = dwfl_lineinfo(l, nullptr, &next.line, nullptr, nullptr, nullptr);
-        next.file = f != nullptr ? f : "";
+        next.file =
+            source_path(cu, dwfl_lineinfo(l, nullptr, &next.line, nullptr, nullptr, nullptr));
     }
+    // The innermost scope, then the scopes around it in the concrete tree
+    // (dwarf_getscopes would go on into the inlined functions' abstract
+    // definitions instead of the functions they were inlined into).
     Dwarf_Die* scopes = nullptr;
     int n = dwarf_getscopes(cu, addr - cu_bias, &scopes);
+    if (n <= 0) {
+        free(scopes);
+        return;
+    }
+    Dwarf_Die inner = scopes[0];
+    free(scopes);
+    scopes = nullptr;
+    n = dwarf_getscopes_die(&inner, &scopes);
     for (int i = 0; i < n; i++) {
         int tag = dwarf_tag(&scopes[i]);
         if (tag != DW_TAG_inlined_subroutine && tag != DW_TAG_subprogram)
@@ -146,6 +169,12 @@ void dwarf_frames(Dwfl_Module* mod, Dwarf_Addr addr, std::vector<frame_name>& ou
         frame_name f = next;
         f.function = die_function(&scopes[i]);
         f.inlined = tag == DW_TAG_inlined_subroutine;
+        // A function with internal linkage has no linkage name in DWARF;
+        // its symbol still carries the parameter types.
+        const char* sym = f.inlined ? nullptr : dwfl_module_addrname(mod, addr);
+        std::string from_sym = sym != nullptr ? demangle(sym) : "";
+        if (!from_sym.empty() && from_sym.compare(0, f.function.size(), f.function) == 0)
+            f.function = from_sym;
         out.push_back(f);
         if (!f.inlined)
             break;
@@ -211,8 +240,7 @@ namespace {
 // The servers to ask, as libdebuginfod reads them; empty when none.
 std::string server_urls(const symbolize_options& o) {
     std::string urls;
-    for (const std::string& u : o.debuginfod_urls)
-        urls += (urls.empty() ? "" : " ") + u;
+    for (const std::string& u : o.debuginfod_urls) urls += (urls.empty() ? "" : " ") + u;
     const char* env = getenv("DEBUGINFOD_URLS");
     if (urls.empty() && o.use_env_urls && env != nullptr)
         urls = env;
@@ -301,13 +329,25 @@ int symbolizer::file_offset(const markup_module& m, uint64_t module_addr, uint64
     size_t n = 0;
     if (elf == nullptr || elf_getphdrnum(elf, &n) != 0)
         return -1;
+    uint64_t lowest = UINT64_MAX;
+    GElf_Phdr hit{};
     for (size_t i = 0; i < n; i++) {
         GElf_Phdr ph;
-        if (gelf_getphdr(elf, static_cast<int>(i), &ph) != nullptr && ph.p_type == PT_LOAD &&
-            module_addr >= ph.p_vaddr && module_addr - ph.p_vaddr < ph.p_memsz) {
-            out = module_addr - ph.p_vaddr + ph.p_offset;
-            return 0;
-        }
+        if (gelf_getphdr(elf, static_cast<int>(i), &ph) == nullptr || ph.p_type != PT_LOAD)
+            continue;
+        lowest = std::min<uint64_t>(lowest, ph.p_vaddr & ~(ph.p_align > 0 ? ph.p_align - 1 : 0));
+        if (module_addr >= ph.p_vaddr && module_addr - ph.p_vaddr < ph.p_memsz)
+            hit = ph;
     }
-    return -1;
+    if (hit.p_filesz > 0) {  // a whole file: its own offsets
+        out = module_addr - hit.p_vaddr + hit.p_offset;
+        return 0;
+    }
+    // A separate debug file keeps the segments but not their offsets; linkers
+    // put code as far from the file's start as from the first segment's
+    // address.
+    if (lowest == UINT64_MAX || module_addr < lowest)
+        return -1;
+    out = module_addr - lowest;
+    return 0;
 }
