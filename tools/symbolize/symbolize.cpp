@@ -187,6 +187,9 @@ void dwarf_frames(Dwfl_Module* mod, Dwarf_Addr addr, std::vector<frame_name>& ou
 
 struct symbolize_cache {
     std::map<std::string, debug_file> files;  // by build-id, or name when none
+    // Addresses named so far: a stack reply repeats the same few hundred
+    // frames across its threads and samples.
+    std::map<std::pair<const debug_file*, uint64_t>, std::vector<frame_name>> named;
 #ifdef VIREO_HAVE_DEBUGINFOD
     debuginfod_client* client = nullptr;
 #endif
@@ -306,17 +309,22 @@ int symbolizer::name(const markup_module& m, uint64_t module_addr, std::vector<f
     if (!has_debug_file(m))
         return 0;
     const debug_file& d = cache->files[m.build_id.empty() ? "name:" + m.name : m.build_id];
+    auto known = cache->named.find({&d, module_addr});
+    if (known != cache->named.end()) {
+        out = known->second;
+        return static_cast<int>(out.size());
+    }
     Dwarf_Addr addr = module_addr + d.bias;
     dwarf_frames(d.mod, addr, out);
     if (out.empty() || out.back().function.empty()) {
         // No DWARF here: the symbol table still names the function.
         const char* sym = dwfl_module_addrname(d.mod, addr);
-        if (sym == nullptr)
-            return static_cast<int>(out.size());
-        if (out.empty())
+        if (sym != nullptr && out.empty())
             out.emplace_back();
-        out.back().function = demangle(sym);
+        if (sym != nullptr)
+            out.back().function = demangle(sym);
     }
+    cache->named[{&d, module_addr}] = out;
     return static_cast<int>(out.size());
 }
 
