@@ -136,6 +136,17 @@ INSTANTIATE_TEST_SUITE_P(
         row{"wrong_build_id", "", "--debug-dir DIR/wrong", false, false}),
     [](const testing::TestParamInfo<row>& i) { return string(i.param.name); });
 
+TEST(symbols, malformed_markup_is_refused_with_its_line) {
+    temp_dir d;
+    string out =
+        sh(VIREO_CLIENT_BIN " symbolize " +
+           d.write("m", "Thread 1 (a):\n{{{bt:0:0x1000:ra}}}\n{{{mmap:0x1000:0:load:0:rx:0}}}\n") +
+           "; echo status=$?");
+    EXPECT_NE(out.find("#0  0x0000000000001000 in ??\n"), string::npos) << out;
+    EXPECT_NE(out.find("line 3: malformed markup: {{{mmap:0x1000:0:"), string::npos) << out;
+    EXPECT_NE(out.find("status=3"), string::npos) << out;
+}
+
 // A program run as a child; stopped by PID when the test ends.
 struct child {
     pid_t pid = fork();

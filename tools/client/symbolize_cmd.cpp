@@ -25,7 +25,10 @@ const char symbolize_usage[] =
     "exit status: 0 named, 3 malformed markup, 64 usage error, 74 reading or writing failed\n";
 
 int usage(const std::string& why) {
-    fprintf(stderr, "vireo-client symbolize: %s\n%s", why.c_str(), symbolize_usage);
+    fprintf(stderr,
+            "vireo-client symbolize: %s\n"
+            "Try 'vireo-client symbolize --help' for more information.\n",
+            why.c_str());
     return 64;
 }
 
