@@ -127,7 +127,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         row{"build_id_tree", "", "--debug-dir DIR/host", false, true},
         row{"sysroot", "", "--debug-dir DIR/sysroot", false, true},
-        row{"second_dir_nopie", "", "--debug-dir DIR/flat --debug-dir DIR/host", true, true},
+        row{"second_dir_nopie", "", "--debug-dir DIR/stripped --debug-dir DIR/host", true, true},
         row{"no_debug_files", "", "--debug-dir DIR/board", false, false},
         // Nothing listens there: the lookup fails at once. A
         // server that never answers costs at most 10 s in all.

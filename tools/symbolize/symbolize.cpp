@@ -51,6 +51,22 @@ std::string hex_bytes(const void* p, ssize_t n) {
     return s;
 }
 
+// A stripped copy of the board's file names nothing: keep looking then.
+bool has_names(Elf* elf) {
+    size_t strndx = 0;
+    if (elf_getshdrstrndx(elf, &strndx) != 0)
+        return false;
+    for (Elf_Scn* scn = elf_nextscn(elf, nullptr); scn != nullptr; scn = elf_nextscn(elf, scn)) {
+        GElf_Shdr sh;
+        if (gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS)
+            continue;
+        const char* name = elf_strptr(elf, strndx, sh.sh_name);
+        if (sh.sh_type == SHT_SYMTAB || (name != nullptr && strcmp(name, ".debug_info") == 0))
+            return true;
+    }
+    return false;
+}
+
 // True when path is an ELF file with this build-id (any ELF file when the
 // board sent none) that holds a symbol table or DWARF.
 bool matches(const std::string& path, const std::string& build_id) {
@@ -63,7 +79,7 @@ bool matches(const std::string& path, const std::string& build_id) {
     if (elf != nullptr && elf_kind(elf) == ELF_K_ELF) {
         const void* id = nullptr;
         ssize_t n = dwelf_elf_gnu_build_id(elf, &id);
-        ok = build_id.empty() || (n > 0 && hex_bytes(id, n) == build_id);
+        ok = (build_id.empty() || (n > 0 && hex_bytes(id, n) == build_id)) && has_names(elf);
     }
     if (elf != nullptr)
         elf_end(elf);
