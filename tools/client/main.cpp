@@ -99,7 +99,10 @@ int find_subcommand(int argc, char** argv) {
         } else if (is_option_word(argv[i])) {
             return 0;
         } else {
-            return strcmp(argv[i], "profile") == 0 || strcmp(argv[i], "check-config") == 0 ? i : 0;
+            return strcmp(argv[i], "profile") == 0 || strcmp(argv[i], "check-config") == 0 ||
+                           strcmp(argv[i], "symbolize") == 0
+                       ? i
+                       : 0;
         }
     }
     return 0;
@@ -109,8 +112,8 @@ int find_subcommand(int argc, char** argv) {
 // of its own, so that its own win where both name one.
 int run_subcommand(int argc, char** argv, int at) {
     const std::string name = argv[at];
-    if (name == "check-config" && at > 1) {
-        return usage_error("check-config takes no options, only MAIN.json");
+    if (name != "profile" && at > 1) {
+        return usage_error(name + " takes none of the request options");
     }
     std::vector<std::string> args{name};
     for (int i = 1; i < at; i++) {
@@ -130,8 +133,9 @@ int run_subcommand(int argc, char** argv, int at) {
     }
     sub_argv.push_back(nullptr);
     const int sub_argc = static_cast<int>(args.size());
-    return name == "profile" ? run_profile(sub_argc, sub_argv.data())
-                             : run_check_config(sub_argc, sub_argv.data());
+    return name == "profile"     ? run_profile(sub_argc, sub_argv.data())
+           : name == "symbolize" ? run_symbolize(sub_argc, sub_argv.data())
+                                 : run_check_config(sub_argc, sub_argv.data());
 }
 
 }  // namespace

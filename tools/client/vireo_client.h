@@ -172,3 +172,6 @@ int run_profile(int argc, char** argv);
 // when it would not, 64 on a usage error, 74 when writing the output fails,
 // 78 when the main file cannot be opened.
 int run_check_config(int argc, char** argv);
+// "vireo-client symbolize [FILE]" (argv[0] is "symbolize"): names the frames
+// of markup saved earlier on the host (symbolize_cmd.cpp).
+int run_symbolize(int argc, char** argv);

@@ -1,0 +1,247 @@
+// Stacks of a stripped program named on the host: vireo-client symbolize
+// from debug folders and from a real debuginfod server, checked against
+// llvm-symbolizer; a pprof file read back by go tool pprof.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "symbolize.h"
+#include "test_util.h"
+
+namespace {
+using std::string;
+
+string sh(const string& cmd) {
+    string out;
+    FILE* p = popen(("timeout -s KILL 60 sh -c '" + cmd + "' 2>&1").c_str(), "r");
+    char buf[4096];
+    for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    if (p != nullptr)
+        pclose(p);
+    return out;
+}
+
+bool have(const string& tool) {
+    return system(("command -v " + tool + " >/dev/null").c_str()) == 0;
+}
+
+// The board's files and markup, the host's debug files (board_and_host.sh).
+struct board {
+    temp_dir dir;
+    string pie, nopie;  // markup files
+    board() {
+        sh(string(VIREO_SYM_SCRIPT " ") + dir.path() + " " VIREO_SYM_FILES);
+        for (auto [name, out] : {std::pair<string, string*>{"vireo_sym_target", &pie},
+                                 {"vireo_sym_target_nopie", &nopie}}) {
+            *out = dir.path() + "/" + name + ".markup";
+            sh("LD_LIBRARY_PATH=" + dir.path() + "/board " + dir.path() + "/board/" + name + " >" +
+               *out);
+        }
+    }
+};
+board& the_board() {
+    static board b;
+    return b;
+}
+
+string client(const string& env, const string& args) {
+    return sh("env " + env + " DEBUGINFOD_CACHE_PATH=" + the_board().dir.path() + "/cache-" +
+              std::to_string(rand()) + " " VIREO_CLIENT_BIN " symbolize " + args);
+}
+
+// The board's own frames (program and library), as "FUNCTION at FILE:LINE",
+// file and line left out where the output has none.
+std::vector<string> board_frames(const string& out) {
+    std::vector<string> frames;
+    std::regex frame(R"(#\d+ +0x[0-9a-f]+ in (.*) \(/\S*/board/[^)]*\)( at (\S+:\d+))?)");
+    std::istringstream in(out);
+    for (string line; std::getline(in, line);) {
+        std::smatch m;
+        if (std::regex_search(line, m, frame))
+            frames.push_back(m[1].str() + (m[2].matched ? " at " + m[3].str() : ""));
+    }
+    return frames;
+}
+
+const std::vector<string> named = {
+    "leaf_record at sym_target.cpp:78",    "int ns::worker<int>(int, int) at sym_target.cpp:98",
+    "callback(int) at sym_target.cpp:105", "lib_call at sym_lib.cpp:5",
+    "main at sym_target.cpp:114",          "_start",
+    "leaf_record at sym_target.cpp:78",    "long ns::worker<long>(long, int) at sym_target.cpp:98"};
+
+// Frames with the folder of each file cut off, for comparing.
+std::vector<string> short_files(std::vector<string> frames) {
+    for (string& f : frames) f = std::regex_replace(f, std::regex(" at \\S*/"), " at ");
+    return frames;
+}
+
+void expect_named(const string& out) {
+    EXPECT_EQ(short_files(board_frames(out)), named) << out;
+    EXPECT_NE(out.find("leaf_record (" + the_board().dir.path()), string::npos) << out;
+    EXPECT_NE(out.find("sym_target.cpp:78 [inlined]\n#1  "), string::npos) << out;
+}
+
+// Nothing named: offsets in the program, the board's own name in the library.
+void expect_fallback(const string& out) {
+    std::vector<string> frames = board_frames(out);
+    ASSERT_EQ(frames.size(), 6u) << out;
+    for (size_t i : {0, 1, 3, 4, 5})
+        EXPECT_TRUE(std::regex_match(frames[i], std::regex("vireo_sym_target\\+0x[0-9a-f]+")))
+            << frames[i];
+    EXPECT_TRUE(std::regex_match(frames[2], std::regex("lib_call\\+0x[0-9a-f]+"))) << frames[2];
+}
+
+struct row {
+    const char* name;
+    string env, args;
+    bool nopie, names;
+};
+
+void PrintTo(const row& r, std::ostream* os) {
+    *os << r.name;
+}
+
+class symbolize_rows : public testing::TestWithParam<row> {};
+
+TEST_P(symbolize_rows, names_frames_or_falls_back) {
+    const row& r = GetParam();
+    board& b = the_board();
+    string args = std::regex_replace(r.args, std::regex("DIR"), b.dir.path());
+    args = std::regex_replace(args, std::regex("PORT"), std::to_string(free_port()));
+    string out = client(r.env, args + " " + (r.nopie ? b.nopie : b.pie));
+    if (r.names)
+        expect_named(out);
+    else
+        expect_fallback(out);
+    EXPECT_NE(out.find("Thread "), string::npos) << "text lines pass through\n" << out;
+    EXPECT_EQ(out.find("{{{"), string::npos) << out;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    symbols, symbolize_rows,
+    testing::Values(
+        row{"build_id_tree", "", "--debug-dir DIR/host", false, true},
+        row{"sysroot", "", "--debug-dir DIR/sysroot", false, true},
+        row{"second_dir_nopie", "", "--debug-dir DIR/stripped --debug-dir DIR/host", true, true},
+        row{"no_debug_files", "", "--debug-dir DIR/board", false, false},
+        // Nothing listens there: the lookup fails at once. A
+        // server that never answers costs at most 10 s in all.
+        row{"unreachable_debuginfod", "", "--debuginfod http://127.0.0.1:PORT", false, false},
+        // Another build's file at the board's path is not taken.
+        row{"wrong_build_id", "", "--debug-dir DIR/wrong", false, false}),
+    [](const testing::TestParamInfo<row>& i) { return string(i.param.name); });
+
+TEST(symbols, malformed_markup_is_refused_with_its_line) {
+    temp_dir d;
+    string out =
+        sh(VIREO_CLIENT_BIN " symbolize " +
+           d.write("m", "Thread 1 (a):\n{{{bt:0:0x1000:ra}}}\n{{{mmap:0x1000:0:load:0:rx:0}}}\n") +
+           "; echo status=$?");
+    EXPECT_NE(out.find("#0  0x0000000000001000 in ??\n"), string::npos) << out;
+    EXPECT_NE(out.find("line 3: malformed markup: {{{mmap:0x1000:0:"), string::npos) << out;
+    EXPECT_NE(out.find("status=3"), string::npos) << out;
+}
+
+// A program run as a child; stopped by PID when the test ends.
+struct child {
+    pid_t pid = fork();
+    explicit child(std::vector<string> argv) {
+        if (pid == 0) {
+            std::vector<char*> a;
+            for (string& s : argv) a.push_back(s.data());
+            a.push_back(nullptr);
+            execvp(a[0], a.data());
+            _exit(127);
+        }
+        end_with_test(pid);
+    }
+    ~child() {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+};
+
+TEST(symbols, debuginfod_server_names_the_same) {
+    if (!have("debuginfod") || !have("debuginfod-find"))
+        GTEST_SKIP() << "debuginfod missing (Debian package debuginfod)";
+    board& b = the_board();
+    string url = "http://127.0.0.1:" + std::to_string(free_port());
+    child server({"debuginfod", "-F", b.dir.path() + "/flat", "-d", b.dir.path() + "/db.sqlite",
+                  "-p", url.substr(url.rfind(':') + 1)});
+    // Served once the first scan is done; each try with a fresh cache, as
+    // the client remembers a miss.
+    string id = sh("readelf -n " + b.dir.path() + "/board/vireo_sym_target | sed -n " +
+                   "\"s/.*Build ID: *//p\"");
+    id = id.substr(0, id.find('\n'));
+    bool served = false;
+    for (int i = 0; i < 100 && !served; i++, usleep(100000))
+        served =
+            system(("DEBUGINFOD_URLS=" + url + " DEBUGINFOD_CACHE_PATH=" + b.dir.path() + "/poll" +
+                    std::to_string(i) + " debuginfod-find debuginfo " + id + " >/dev/null 2>&1")
+                       .c_str()) == 0;
+    ASSERT_TRUE(served) << id;
+    expect_named(client("DEBUGINFOD_URLS=" + url, b.pie));
+}
+
+TEST(symbols, llvm_symbolizer_names_the_same) {
+    if (!have("llvm-symbolizer-16"))
+        GTEST_SKIP() << "llvm-symbolizer-16 missing (Debian package llvm-16)";
+    board& b = the_board();
+    string ours = client("", "--debug-dir " + b.dir.path() + "/host " + b.pie);
+    string llvm = sh("llvm-symbolizer-16 --filter-markup --debug-file-directory=" + b.dir.path() +
+                     "/host <" + b.pie);
+    for (const string& f : board_frames(ours)) {
+        size_t at = f.find(" at ");
+        if (at == string::npos)
+            continue;
+        // There: "NAME FILE:LINE:COLUMN".
+        EXPECT_NE(llvm.find(" " + f.substr(0, at) + " " + f.substr(at + 4) + ":"), string::npos)
+            << f << "\n"
+            << llvm;
+    }
+    EXPECT_EQ(board_frames(ours).size(), named.size());
+}
+
+// Samples from the markup's stacks: the worker's nine times, main's (from
+// its caller on) once. The worker's leaf must lead the table.
+TEST(symbols, pprof_file_read_by_go_tool_pprof) {
+    if (!have("go"))
+        GTEST_SKIP() << "go missing (Debian package golang-go)";
+    board& b = the_board();
+    pprof_profile p;
+    std::vector<std::vector<uint64_t>> stacks;
+    std::ifstream in(b.pie);
+    for (string line; std::getline(in, line);) {
+        markup_line l;
+        ASSERT_EQ(parse_markup_line(line, l), 0) << line;
+        apply_markup_line(l, p.space);
+        if (l.kind == markup_line::bt && l.frame.index == 0)
+            stacks.emplace_back();
+        if (l.kind == markup_line::bt)
+            stacks.back().push_back(l.frame.addr);
+    }
+    ASSERT_EQ(stacks.size(), 2u);
+    p.samples = {{"sym-worker", stacks[1], 9},
+                 {"main", std::vector<uint64_t>(stacks[0].begin() + 1, stacks[0].end()), 1}};
+    p.period_ns = 10101010;
+    symbolizer s(symbolize_options{{b.dir.path() + "/host"}, {}, false});
+    string file = b.dir.path() + "/cpu.pb.gz", why;
+    ASSERT_EQ(write_pprof(p, &s, file, why), 0) << why;
+    string env = "HOME=" + b.dir.path() + " PPROF_BINARY_PATH=/nonexistent go tool pprof ";
+    string top = sh(env + "-top " + file);
+    size_t head = top.find(" flat ");
+    ASSERT_NE(head, string::npos) << top;
+    string first = top.substr(top.find('\n', head) + 1);
+    first = first.substr(0, first.find('\n'));
+    EXPECT_NE(first.find("leaf_record"), string::npos) << top;
+    EXPECT_NE(first.find(" 90.00% "), string::npos) << top;
+    EXPECT_NE(top.find("callback(int)"), string::npos) << top;
+    EXPECT_NE(sh(env + "-tags " + file).find("sym-worker"), string::npos);
+}
+
+}  // namespace
