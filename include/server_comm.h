@@ -38,7 +38,8 @@ public:
     // Header and payload bytes that the request did not carry read as zero,
     // never as an earlier request's. With key_frame set, first takes the frame the
     // queue puts before each request (the client's key) into peer_key.
-    // Returns the size ZeroMQ reported for the whole message, or -1.
+    // Frames after the request's first are dropped unread.
+    // Returns the size ZeroMQ reported for the request frame, or -1.
     int recv_msg();
 
     // Sends the single-packet reply whose len payload bytes are already in

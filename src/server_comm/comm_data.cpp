@@ -51,9 +51,11 @@ int comm_data::recv_msg() {
         n = zmq_recv(socket, recv_data, static_cast<size_t>(max_recv_len + 48), 0);
     }
     // A request is one frame. Frames a client sent after it are dropped
-    // here: left queued, the next receive would take the client's own frame
-    // for the key the queue put in, and so the rights of another key.
-    if (key_frame && n != -1) {
+    // here, unread by any handler: otherwise each would run as a request of
+    // its own with no reply to carry its answer, and behind a CURVE endpoint
+    // the next receive would take the client's frame for the key the queue
+    // put in, and so the rights of another key.
+    if (n != -1) {
         int more = 0;
         size_t more_size = sizeof more;
         char scrap;
