@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "config_parser.h"
@@ -36,6 +37,15 @@ public:
     int get_client_id();
     // Frees id num; anything outside 0..254 is ignored.
     void back_client_id(int num);
+    // Behind a CURVE endpoint an id belongs to the key that took it: the
+    // lowest free id, or 0 when none is free or key already holds most ids.
+    // Ids of a key no longer listed are free again.
+    int get_key_client_id(const std::string& key, int most);
+    // Frees id num only when key holds it.
+    void back_key_client_id(const std::string& key, int num);
+    // The key holding each id taken behind a CURVE endpoint.
+    std::mutex id_owner_lock;
+    std::string id_owner[255];
     // Replaces the configuration with a new parser for config and loads it.
     bool parse_config(const std::string& config);
     // Answers the request in every_comm's receive frame, writing the reply

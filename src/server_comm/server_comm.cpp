@@ -102,7 +102,7 @@ int server_comm::listen_connect() {
         return -2;
     }
     if (set_router_options(socket, curve_secret) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_setsockopt error, %s\n",
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_setsockopt error, %s",
                             zmq_strerror(errno));
         return -2;
     }
