@@ -69,6 +69,12 @@ public:
 // The endpoint: a ZMQ_ROUTER socket on tcp://ip:port facing the clients, a
 // ZMQ_DEALER socket on inproc://workers facing the workers, and the list of
 // the workers' connections. Its destructor closes nothing.
+// Whole messages that wait for one peer, received and to be sent (see
+// listen_connect), and that wait for one worker.
+constexpr int router_rcvhwm = 16;
+constexpr int router_sndhwm = 64;
+constexpr int worker_rcvhwm = 1;
+
 class server_comm {
 private:
     std::string ip_addr;
@@ -89,9 +95,9 @@ public:
 
     // Creates the context (unless one was set) and both sockets and binds
     // them. The router socket always refuses messages above 64 KiB, closes
-    // connections that have not finished their handshake in 10 s and drops
-    // peers silent to heartbeats for 30 s; with curve_secret it is a CURVE
-    // server. Returns 0, or -1 (context), -2 (router socket or one of its
+    // connections that have not finished their handshake in 3 s, drops
+    // peers silent to heartbeats for 30 s, and bounds the messages queued
+    // per peer; with curve_secret it is a CURVE server. Returns 0, or -1 (context), -2 (router socket or one of its
     // options), -3 (TCP bind, also for a port outside 0..65535), -4 (dealer
     // socket). What was made before a failure stays.
     int listen_connect();

@@ -3,8 +3,11 @@
 #include <android/log.h>
 #include <pthread.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 #include <zmq.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 
@@ -242,12 +245,23 @@ void* worker_routine(void* mon_void) {
     void* receiver = zmq_socket(mon->comm->get_context(), ZMQ_REP);
     comm_data* every_comm = mon->comm->create_comm(receiver);
     every_comm->key_frame = mon->zap != nullptr;
+    int hwm = worker_rcvhwm;
+    zmq_setsockopt(receiver, ZMQ_RCVHWM, &hwm, sizeof hwm);
     zmq_connect(receiver, "inproc://workers");
 
     while (true) {
         int ret = mon->recv_request(every_comm);
-        while (ret < 0) {
+        // A receive that keeps failing must not spin: each retry waits twice
+        // as long as the one before, up to a second. When the context ends
+        // nothing will ever come: the worker closes its socket (so the
+        // context can finish) and ends.
+        for (useconds_t pause = 1000; ret < 0; pause = std::min<useconds_t>(2 * pause, 1000000)) {
+            if (errno == ETERM) {
+                zmq_close(receiver);
+                return nullptr;
+            }
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Recv request error with %d\n", ret);
+            usleep(pause);
             ret = mon->recv_request(every_comm);
         }
         ret = mon->handle_request(every_comm);

@@ -64,8 +64,10 @@ int comm_data::recv_msg() {
         }
     }
     if (n == -1) {
+        int error = errno;  // for the caller, whatever logging does to it
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_recv error, %s\n",
-                            zmq_strerror(errno));
+                            zmq_strerror(error));
+        errno = error;
         return -1;
     }
     // What this request did not carry must not be read from the previous

@@ -18,14 +18,22 @@ int set_int(void* socket, int option, int value) {
 
 // Guards that no valid request notices: a frame larger than any request
 // (at most 1072 bytes are read) closes its connection instead of being
-// buffered; a connection must finish its handshake in 10 s; a peer that
-// answers no heartbeat for 30 s is dropped, so dead clients do not hold
-// descriptors. With a secret key: a CURVE server whose every handshake
-// goes to the ZAP handler, and is refused if no handler answers.
+// buffered; a connection must finish its handshake in 3 s, so connections
+// that never do cannot pile up; a peer that answers no heartbeat for 30 s
+// is dropped, so dead clients do not hold descriptors. Per peer at most
+// router_rcvhwm whole requests wait (then its connection is not read until
+// they are taken, so nothing is lost) and at most router_sndhwm replies
+// (further ones for a peer that does not read are dropped; a client that
+// reads never gets there, since its own ZeroMQ takes replies off the wire
+// whether or not it has asked for them yet). With a secret key: a CURVE
+// server whose every handshake goes to the ZAP handler, and is refused if
+// no handler answers.
 int set_router_options(void* socket, const std::string& secret) {
     int64_t max_size = 64 * 1024;
     if (zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &max_size, sizeof max_size) != 0 ||
-        set_int(socket, ZMQ_HANDSHAKE_IVL, 10000) != 0 ||
+        set_int(socket, ZMQ_HANDSHAKE_IVL, 3000) != 0 ||
+        set_int(socket, ZMQ_RCVHWM, router_rcvhwm) != 0 ||
+        set_int(socket, ZMQ_SNDHWM, router_sndhwm) != 0 ||
         set_int(socket, ZMQ_HEARTBEAT_IVL, 10000) != 0 ||
         set_int(socket, ZMQ_HEARTBEAT_TIMEOUT, 30000) != 0) {
         return -1;
@@ -126,6 +134,10 @@ int server_comm::listen_connect() {
                             zmq_strerror(errno));
         return -4;
     }
+    // Requests wait in the router's queues, a few KiB each at most, rather
+    // than by thousands in each worker's (up to 64 KiB each): with this and
+    // the workers' worker_rcvhwm, a worker holds at most two waiting.
+    set_int(workers, ZMQ_SNDHWM, 1);
     // Deliberately unchecked: a fresh context always has the name free.
     zmq_bind(workers, "inproc://workers");
     return 0;
