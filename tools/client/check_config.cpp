@@ -38,7 +38,7 @@ const char* const group_keys[] = {"class", "code", "config", "disable"};
 const char* const list_keys[] = {"cmd-list"};
 const char* const entry_keys[] = {"name",    "id",     "type",    "file",    "lib",
                                   "symbols", "detach", "disable", "read-all"};
-const char* const security_keys[] = {"secret-key", "authorized-keys"};
+const char* const security_keys[] = {"secret-key", "authorized-keys", "max-client-ids"};
 
 // One parsed JSON file and its text, to turn offsets into lines and columns.
 struct source {
@@ -305,6 +305,13 @@ void checker::main_file(const source& src) {
     }
     if (const Json::Value* sec = member(src, src.root, "security", false)) {
         security(src, *sec);
+    } else if (const Json::Value* ip = member(src, src.root, "server_ip", false);
+               ip != nullptr && ip->isString() && ip->asString().rfind("127.", 0) != 0 &&
+               ip->asString() != "localhost" && ip->asString() != "::1") {
+        // Nothing bounds what a plaintext peer can make the daemon hold.
+        warning(src.at(*ip), "plaintext endpoint on \"" + ip->asString() +
+                                 "\": anyone who reaches it is answered and can exhaust the "
+                                 "daemon's memory; add \"security\" or listen on 127.0.0.1");
     }
 }
 
