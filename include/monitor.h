@@ -8,6 +8,7 @@
 #include <string>
 
 #include "config_parser.h"
+#include "connection_guard.h"
 #include "server_comm.h"
 #include "zap_handler.h"
 
@@ -29,6 +30,8 @@ public:
     // With "security": the ZAP handler and the keys' rights, made by
     // monitor_helper_thread before any worker starts; null otherwise.
     std::unique_ptr<zap_handler> zap;
+    // Keeps client connections below the descriptor limit; made with comm.
+    std::unique_ptr<connection_guard> guard;
     // Client-id pool, lock-free: entry i is true while id i is handed out.
     // Entry 0 is never handed out.
     std::atomic<bool> id_map[255];

@@ -10,6 +10,8 @@
 
 #include "common_func.h"
 
+class connection_guard;
+
 // One worker's connection: its ZMQ_REP socket and two frame buffers of
 // 8192 + 48 bytes each. Owned and used by one worker thread only; calls go
 // strictly receive, send, receive. Plug-in functions get a comm_data* and
@@ -86,6 +88,9 @@ private:
     std::mutex comm_list_lock;  // five workers register at the same moment
 
 public:
+    // Told of every request's connection by queue_with_user_id; not owned.
+    connection_guard* guard = nullptr;
+
     // The server's CURVE secret key (Z85); empty for a plaintext endpoint.
     // A CURVE endpoint needs its ZAP handler bound in the context first, so
     // the caller creates the context (set_context) before listen_connect.

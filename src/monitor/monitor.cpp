@@ -21,6 +21,7 @@ monitor::monitor() {
 
 monitor::~monitor() {
     // The endpoint goes before the configuration it was built from.
+    guard.reset();
     zap.reset();
     comm.reset();
     configs.reset();
@@ -224,6 +225,12 @@ void monitor_helper_thread(monitor* mon) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Connect error:%d\n", ret);
         return;
     }
+    // Without it the daemon serves as before, only without the reserve.
+    mon->guard = std::make_unique<connection_guard>();
+    if (mon->guard->start(mon->comm->get_context(), mon->comm->get_socket()) != 0) {
+        mon->guard.reset();
+    }
+    mon->comm->guard = mon->guard.get();
     // The service manager counts the start as done only now, so a port that
     // cannot be bound fails `systemctl start`. Nothing without NOTIFY_SOCKET.
     sd_notify(0, "READY=1");

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "connection_guard.h"
 #include "server_comm.h"
 
 #define LOG_TAG "MONITOR_COMM"
@@ -58,7 +59,7 @@ int set_router_options(void* socket, const std::string& secret) {
 // user_id (router to dealer) the connection's ZAP user id goes in as a frame
 // after the envelope's empty delimiter, where the worker's REP socket hands
 // it over as the first frame of the request.
-int forward(void* from, void* to, bool user_id) {
+int forward(void* from, void* to, bool user_id, connection_guard* guard) {
     zmq_msg_t part;
     zmq_msg_init(&part);
     int flags = ZMQ_DONTWAIT;
@@ -75,6 +76,9 @@ int forward(void* from, void* to, bool user_id) {
             // Read before sending: sending clears a message's properties.
             const char* text = zmq_msg_gets(&part, "User-Id");
             id = text != nullptr ? text : "";
+            if (guard != nullptr) {
+                guard->touch(zmq_msg_get(&part, ZMQ_SRCFD));
+            }
         }
         if (zmq_msg_send(&part, to, more || delimiter ? ZMQ_SNDMORE : 0) == -1 ||
             (delimiter && zmq_send(to, id.data(), id.size(), more ? ZMQ_SNDMORE : 0) == -1)) {
@@ -199,10 +203,10 @@ int server_comm::queue_with_user_id() {
             return -1;
         }
         int rc = 0;
-        for (int i = 0; i < burst && (rc = forward(workers, socket, false)) == 1; i++) {
+        for (int i = 0; i < burst && (rc = forward(workers, socket, false, nullptr)) == 1; i++) {
         }
         if (rc == 0 && sendable) {
-            for (int i = 0; i < burst && (rc = forward(socket, workers, true)) == 1; i++) {
+            for (int i = 0; i < burst && (rc = forward(socket, workers, true, guard)) == 1; i++) {
             }
         }
         if (rc == -1 && errno == ETERM) {

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zmq.h>
@@ -227,20 +228,22 @@ TEST_F(hardening, memory_per_peer_has_a_ceiling) {
            s.dir.write("keys", "") + R"("}})";
     daemon_process curve({"-c", s.dir.write("curve.json", text)});
     ASSERT_TRUE(curve.wait_stderr("CURVE server key")) << curve.stderr_text();
-    long curve_kib = peak_growth(curve.pid(), [&] {
-        unfinished_messages(curve_port, "CURVE", 16, 32u << 20);
-    });
+    long curve_kib =
+        peak_growth(curve.pid(), [&] { unfinished_messages(curve_port, "CURVE", 16, 32u << 20); });
     long pipelined_kib = peak_growth(s.daemon->pid(), [&] {
         void *ctx = zmq_ctx_new(), *dealer = zmq_socket(ctx, ZMQ_DEALER);
         int one = 1, small = 4096, zero = 0, wait_ms = 10000;
-        for (auto [option, value] : {std::pair{ZMQ_RCVHWM, &one}, {ZMQ_RCVBUF, &small},
-                                     {ZMQ_LINGER, &zero}, {ZMQ_SNDTIMEO, &wait_ms}})
+        for (auto [option, value] : {std::pair{ZMQ_RCVHWM, &one},
+                                     {ZMQ_RCVBUF, &small},
+                                     {ZMQ_LINGER, &zero},
+                                     {ZMQ_SNDTIMEO, &wait_ms}})
             zmq_setsockopt(dealer, option, value, sizeof(int));
         zmq_connect(dealer, s.endpoint.c_str());
         int sent = 0;
         for (bytes r; sent <= 50000; sent++) {
             r = make_request(0x10, 4, pid_payload(sent < 50000 ? 8192 : -7));
-            if (zmq_send(dealer, "", 0, ZMQ_SNDMORE) != 0 || zmq_send(dealer, r.data(), 48, 0) != 48)
+            if (zmq_send(dealer, "", 0, ZMQ_SNDMORE) != 0 ||
+                zmq_send(dealer, r.data(), 48, 0) != 48)
                 break;
         }
         EXPECT_EQ(sent, 50000 + 1);
@@ -252,4 +255,40 @@ TEST_F(hardening, memory_per_peer_has_a_ceiling) {
     EXPECT_LE(curve_kib, 16 * 128 + (rss_growth_kib - 8 * 1024));
     EXPECT_LE(pipelined_kib, 24 * 1024 + (rss_growth_kib - 8 * 1024));
     EXPECT_TRUE(curve.running());
+}
+
+// 150 clients that each ask once and then idle, against a daemon with 128
+// descriptors (room for 64 connections): each is answered in its turn, since
+// the connections idle longest give way, and the daemon stays under its
+// limit instead of refusing everyone after it.
+TEST_F(hardening, connections_cannot_shut_others_out) {
+    std::string text = read_text_file(s.main_file), port = std::to_string(s.port);
+    std::string endpoint = "tcp://127.0.0.1:" + std::to_string(free_port());
+    text.replace(text.find(port), port.size(), endpoint.substr(endpoint.rfind(':') + 1));
+    rlimit old{}, low{};
+    getrlimit(RLIMIT_NOFILE, &old);
+    low = {128, old.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &low);
+    daemon_process d({"-c", s.dir.write("few.json", text)});
+    setrlimit(RLIMIT_NOFILE, &old);
+    ASSERT_TRUE(d.wait_ready(endpoint)) << d.stderr_text();
+    void* ctx = zmq_ctx_new();
+    std::vector<void*> clients;
+    int answered = 0;
+    for (int i = 0; i < 150 && answered == i; i++) {
+        void* c = clients.emplace_back(zmq_socket(ctx, ZMQ_REQ));
+        int zero = 0, never = -1, wait_ms = 3000;
+        for (auto [option, value] :
+             {std::pair{ZMQ_LINGER, &zero}, {ZMQ_RECONNECT_IVL, &never}, {ZMQ_RCVTIMEO, &wait_ms}})
+            zmq_setsockopt(c, option, value, sizeof(int));
+        zmq_connect(c, endpoint.c_str());
+        bytes reply(100), req = make_request(0x10, 1);
+        answered += zmq_send(c, req.data(), req.size(), 0) == int(req.size()) &&
+                    zmq_recv(c, reply.data(), reply.size(), 0) == 48 + 15;
+    }
+    EXPECT_EQ(answered, 150);
+    EXPECT_LE(figures_of(d.pid()).second, 128);
+    EXPECT_TRUE(d.running());
+    for (void* c : clients) zmq_close(c);
+    zmq_ctx_term(ctx);
 }
