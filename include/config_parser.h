@@ -106,6 +106,7 @@ public:
     std::string secret_key;            // the server's secret key, Z85
     key_table keys;                    // authorized keys as loaded at start-up
     file_stamp keys_stamp;             // the authorized-keys file they came from
+    int max_client_ids = 16;           // "max-client-ids": most ids one key may hold
 
     explicit main_config(const std::string& main_json);
 };

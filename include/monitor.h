@@ -4,9 +4,11 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "config_parser.h"
+#include "connection_guard.h"
 #include "server_comm.h"
 #include "zap_handler.h"
 
@@ -28,6 +30,8 @@ public:
     // With "security": the ZAP handler and the keys' rights, made by
     // monitor_helper_thread before any worker starts; null otherwise.
     std::unique_ptr<zap_handler> zap;
+    // Keeps client connections below the descriptor limit; made with comm.
+    std::unique_ptr<connection_guard> guard;
     // Client-id pool, lock-free: entry i is true while id i is handed out.
     // Entry 0 is never handed out.
     std::atomic<bool> id_map[255];
@@ -36,6 +40,15 @@ public:
     int get_client_id();
     // Frees id num; anything outside 0..254 is ignored.
     void back_client_id(int num);
+    // Behind a CURVE endpoint an id belongs to the key that took it: the
+    // lowest free id, or 0 when none is free or key already holds most ids.
+    // Ids of a key no longer listed are free again.
+    int get_key_client_id(const std::string& key, int most);
+    // Frees id num only when key holds it.
+    void back_key_client_id(const std::string& key, int num);
+    // The key holding each id taken behind a CURVE endpoint.
+    std::mutex id_owner_lock;
+    std::string id_owner[255];
     // Replaces the configuration with a new parser for config and loads it.
     bool parse_config(const std::string& config);
     // Answers the request in every_comm's receive frame, writing the reply

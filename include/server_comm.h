@@ -10,6 +10,8 @@
 
 #include "common_func.h"
 
+class connection_guard;
+
 // One worker's connection: its ZMQ_REP socket and two frame buffers of
 // 8192 + 48 bytes each. Owned and used by one worker thread only; calls go
 // strictly receive, send, receive. Plug-in functions get a comm_data* and
@@ -38,7 +40,8 @@ public:
     // Header and payload bytes that the request did not carry read as zero,
     // never as an earlier request's. With key_frame set, first takes the frame the
     // queue puts before each request (the client's key) into peer_key.
-    // Returns the size ZeroMQ reported for the whole message, or -1.
+    // Frames after the request's first are dropped unread.
+    // Returns the size ZeroMQ reported for the request frame, or -1.
     int recv_msg();
 
     // Sends the single-packet reply whose len payload bytes are already in
@@ -70,6 +73,12 @@ public:
 // The endpoint: a ZMQ_ROUTER socket on tcp://ip:port facing the clients, a
 // ZMQ_DEALER socket on inproc://workers facing the workers, and the list of
 // the workers' connections. Its destructor closes nothing.
+// Whole messages that wait for one peer, received and to be sent (see
+// listen_connect), and that wait for one worker.
+constexpr int router_rcvhwm = 16;
+constexpr int router_sndhwm = 64;
+constexpr int worker_rcvhwm = 1;
+
 class server_comm {
 private:
     std::string ip_addr;
@@ -81,6 +90,9 @@ private:
     std::mutex comm_list_lock;  // five workers register at the same moment
 
 public:
+    // Told of every request's connection by queue_with_user_id; not owned.
+    connection_guard* guard = nullptr;
+
     // The server's CURVE secret key (Z85); empty for a plaintext endpoint.
     // A CURVE endpoint needs its ZAP handler bound in the context first, so
     // the caller creates the context (set_context) before listen_connect.
@@ -90,9 +102,9 @@ public:
 
     // Creates the context (unless one was set) and both sockets and binds
     // them. The router socket always refuses messages above 64 KiB, closes
-    // connections that have not finished their handshake in 10 s and drops
-    // peers silent to heartbeats for 30 s; with curve_secret it is a CURVE
-    // server. Returns 0, or -1 (context), -2 (router socket or one of its
+    // connections that have not finished their handshake in 3 s, drops
+    // peers silent to heartbeats for 30 s, and bounds the messages queued
+    // per peer; with curve_secret it is a CURVE server. Returns 0, or -1 (context), -2 (router socket or one of its
     // options), -3 (TCP bind, also for a port outside 0..65535), -4 (dealer
     // socket). What was made before a failure stays.
     int listen_connect();

@@ -9,8 +9,25 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 
 #include "wire/keys.h"
+
+// A flood of refusals must not flood the log: the first refusal of a 10 s
+// window is logged in full, the others are only counted, and their count is
+// logged as one line once the window has ended.
+class refusal_window {
+public:
+    static constexpr int64_t seconds = 10;
+    int64_t start = -seconds;  // monotonic seconds
+    int suppressed = 0;
+
+    // True when the refusal at now opens a window (log it in full); ended
+    // then receives the count left from the window before it.
+    bool note(int64_t now, int& ended);
+    // The count of a window that ended by now, which is then cleared.
+    int take_ended(int64_t now);
+};
 
 class zap_handler {
 public:
@@ -34,6 +51,13 @@ public:
     // name receives the key's name, or "revoked" for a key no longer listed.
     bool allows(const std::string& key, uint32_t command, std::string& name) const;
 
+    // Whether key is listed in the current table.
+    bool listed(const std::string& key) const;
+
+    // Logs that key (known as name) was refused command, bounded as above
+    // for each key.
+    void log_refused_command(const std::string& key, const std::string& name, uint32_t command);
+
     // Reloads keys_file if it changed since the last load. A file that cannot
     // be read or holds a bad line leaves no key accepted until it is fixed.
     void refresh();
@@ -41,12 +65,18 @@ public:
 private:
     void run();
     void answer(void* socket);
+    // Logs the counts of refusal windows that have ended.
+    void log_ended_windows();
 
     mutable std::mutex table_lock;
     std::shared_ptr<const key_table> table;
     file_stamp stamp;        // of the file the table came from (ZAP thread only)
     time_t loaded_at = 0;    // when it was read (ZAP thread only)
     void* socket = nullptr;  // ZMQ_REP on inproc://zeromq.zap.01, ZAP thread only
+    std::mutex refusals_lock;
+    refusal_window handshakes;  // refused handshakes, any key
+    // refused requests per key and name; keys that were once listed only
+    std::unordered_map<std::string, std::pair<std::string, refusal_window>> commands;
     std::atomic<bool> stopping{false};
     std::thread thread;
 };

@@ -73,6 +73,7 @@ enum config_key_id : uint8_t {
     key_security,
     key_secret_key,
     key_authorized_keys,
+    key_max_client_ids,
     key_client,
     key_server_key,
     key_client_key,

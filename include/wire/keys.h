@@ -21,7 +21,7 @@ public:
     bool all_codes = false;       // "*"
     std::vector<uint32_t> codes;  // otherwise exactly these command codes
 
-    // The client-id commands (0xEAEA) are open to every accepted key.
+    // Whether the key may use command (the client-id commands included).
     bool allows(uint32_t command) const;
 };
 

@@ -89,23 +89,32 @@ void config_parser::parse_security(const Json::Value& security) {
     mc.authorized_keys_file = search_key(sec, key_name(key_authorized_keys)).asString();
     std::string error;
     if (read_key_file(mc.secret_key_file, mc.secret_key, error) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Secret key %s: %s\n",
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Secret key %s: %s",
                             mc.secret_key_file.c_str(), error.c_str());
         throw std::runtime_error("secret key");
     }
     struct stat st;
     if (stat(mc.secret_key_file.c_str(), &st) == 0 && (st.st_mode & 077) != 0) {
         __android_log_print(ANDROID_LOG_WARN, LOG_TAG,
-                            "Secret key %s can be read by other users: chmod 600 it\n",
+                            "Secret key %s can be read by other users: chmod 600 it",
                             mc.secret_key_file.c_str());
     }
     // Stamped before reading: an edit in between is picked up by the first
     // reload.
     mc.keys_stamp = file_stamp::of(mc.authorized_keys_file);
     if (load_authorized_keys(mc.authorized_keys_file, mc.keys, error) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Authorized keys %s: %s\n",
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Authorized keys %s: %s",
                             mc.authorized_keys_file.c_str(), error.c_str());
         throw std::runtime_error("authorized keys");
+    }
+    const config_key& most = config_keys[key_max_client_ids];
+    if (sec.isMember(most.name)) {
+        mc.max_client_ids = sec[most.name].asInt();
+        if (mc.max_client_ids < most.min || mc.max_client_ids > most.max) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "max-client-ids %d outside 0..254",
+                                mc.max_client_ids);
+            throw std::runtime_error("max-client-ids");
+        }
     }
     mc.secure = true;
 }

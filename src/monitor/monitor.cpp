@@ -3,8 +3,11 @@
 #include <android/log.h>
 #include <pthread.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 #include <zmq.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 
@@ -18,6 +21,7 @@ monitor::monitor() {
 
 monitor::~monitor() {
     // The endpoint goes before the configuration it was built from.
+    guard.reset();
     zap.reset();
     comm.reset();
     configs.reset();
@@ -41,6 +45,36 @@ void monitor::back_client_id(int num) {
     id_map[num].store(false, std::memory_order_relaxed);
 }
 
+int monitor::get_key_client_id(const std::string& key, int most) {
+    std::lock_guard<std::mutex> lock(id_owner_lock);
+    int held = 0, free_id = 0;
+    for (int i = 1; i < 255; i++) {
+        if (id_map[i].load() && id_owner[i] != key && !zap->listed(id_owner[i])) {
+            id_owner[i].clear();
+            id_map[i].store(false);
+        }
+        if (!id_map[i].load()) {
+            free_id = free_id == 0 ? i : free_id;
+        } else if (id_owner[i] == key) {
+            held++;
+        }
+    }
+    if (free_id == 0 || held >= most) {
+        return 0;
+    }
+    id_map[free_id].store(true);
+    id_owner[free_id] = key;
+    return free_id;
+}
+
+void monitor::back_key_client_id(const std::string& key, int num) {
+    std::lock_guard<std::mutex> lock(id_owner_lock);
+    if (num > 0 && num < 255 && id_map[num].load() && id_owner[num] == key) {
+        id_owner[num].clear();
+        id_map[num].store(false);
+    }
+}
+
 bool monitor::parse_config(const std::string& config) {
     configs = std::make_unique<config_parser>(config);
     return configs->parse_config();
@@ -55,9 +89,7 @@ int monitor::handle_request(comm_data* every_comm) {
     if (zap != nullptr) {
         std::string name;
         if (!zap->allows(every_comm->peer_key, command, name)) {
-            __android_log_print(
-                ANDROID_LOG_ERROR, LOG_TAG, "Key %s (%s) may not use command 0x%x\n",
-                key_fingerprint(every_comm->peer_key).c_str(), name.c_str(), command);
+            zap->log_refused_command(every_comm->peer_key, name, command);
             return -1;
         }
     }
@@ -65,13 +97,19 @@ int monitor::handle_request(comm_data* every_comm) {
     if (command == INTERNAL_CMD) {
         switch (req->sub_command) {
             case 1: {
-                int id = get_client_id();
+                int id = zap == nullptr ? get_client_id()
+                                        : get_key_client_id(every_comm->peer_key,
+                                                            configs->mconfig->max_client_ids);
                 __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "send get_client_id %d\n", id);
                 reply[0] = static_cast<uint8_t>(id);
                 return 1;
             }
             case 2:
-                back_client_id(req->msg[0]);
+                if (zap == nullptr) {
+                    back_client_id(req->msg[0]);
+                } else {
+                    back_key_client_id(every_comm->peer_key, req->msg[0]);
+                }
                 return 0;
             default:
                 __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Not support %d internal cmd",
@@ -168,7 +206,7 @@ int start_security(monitor* mon, const main_config& mc) {
     if (zmq_curve_public(server_public, mc.secret_key.c_str()) != 0) {
         strcpy(server_public, "?");
     }
-    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "CURVE server key %s, %zu client keys\n",
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "CURVE server key %s, %zu client keys",
                         key_fingerprint(server_public).c_str(), mc.keys.size());
     return 0;
 }
@@ -187,6 +225,12 @@ void monitor_helper_thread(monitor* mon) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Connect error:%d\n", ret);
         return;
     }
+    // Without it the daemon serves as before, only without the reserve.
+    mon->guard = std::make_unique<connection_guard>();
+    if (mon->guard->start(mon->comm->get_context(), mon->comm->get_socket()) != 0) {
+        mon->guard.reset();
+    }
+    mon->comm->guard = mon->guard.get();
     // The service manager counts the start as done only now, so a port that
     // cannot be bound fails `systemctl start`. Nothing without NOTIFY_SOCKET.
     sd_notify(0, "READY=1");
@@ -208,12 +252,23 @@ void* worker_routine(void* mon_void) {
     void* receiver = zmq_socket(mon->comm->get_context(), ZMQ_REP);
     comm_data* every_comm = mon->comm->create_comm(receiver);
     every_comm->key_frame = mon->zap != nullptr;
+    int hwm = worker_rcvhwm;
+    zmq_setsockopt(receiver, ZMQ_RCVHWM, &hwm, sizeof hwm);
     zmq_connect(receiver, "inproc://workers");
 
     while (true) {
         int ret = mon->recv_request(every_comm);
-        while (ret < 0) {
+        // A receive that keeps failing must not spin: each retry waits twice
+        // as long as the one before, up to a second. When the context ends
+        // nothing will ever come: the worker closes its socket (so the
+        // context can finish) and ends.
+        for (useconds_t pause = 1000; ret < 0; pause = std::min<useconds_t>(2 * pause, 1000000)) {
+            if (errno == ETERM) {
+                zmq_close(receiver);
+                return nullptr;
+            }
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Recv request error with %d\n", ret);
+            usleep(pause);
             ret = mon->recv_request(every_comm);
         }
         ret = mon->handle_request(every_comm);

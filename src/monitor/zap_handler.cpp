@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -17,7 +18,34 @@ constexpr int check_ms = 1000;
 std::string text(zmq_msg_t& part) {
     return std::string(static_cast<const char*>(zmq_msg_data(&part)), zmq_msg_size(&part));
 }
+
+int64_t monotonic_seconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
 }  // namespace
+
+bool refusal_window::note(int64_t now, int& ended) {
+    ended = 0;
+    if (now - start < seconds) {
+        suppressed++;
+        return false;
+    }
+    ended = suppressed;
+    start = now;
+    suppressed = 0;
+    return true;
+}
+
+int refusal_window::take_ended(int64_t now) {
+    if (suppressed == 0 || now - start < seconds) {
+        return 0;
+    }
+    int ended = suppressed;
+    suppressed = 0;
+    return ended;
+}
 
 zap_handler::zap_handler(std::string keys_file, const key_table& keys, const file_stamp& stamp)
     : keys_file(std::move(keys_file)),
@@ -35,7 +63,7 @@ zap_handler::~zap_handler() {
 int zap_handler::start(void* context) {
     socket = zmq_socket(context, ZMQ_REP);
     if (socket == nullptr || zmq_bind(socket, "inproc://zeromq.zap.01") != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "ZAP handler error, %s\n",
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "ZAP handler error, %s",
                             zmq_strerror(errno));
         if (socket != nullptr) {
             zmq_close(socket);
@@ -55,7 +83,49 @@ bool zap_handler::allows(const std::string& key, uint32_t command, std::string& 
         return false;
     }
     name = it->second.name;
+    // The client-id commands too need their code among the key's rights:
+    // ids are a shared pool that a key must not be able to drain unasked.
     return it->second.allows(command);
+}
+
+bool zap_handler::listed(const std::string& key) const {
+    std::lock_guard<std::mutex> lock(table_lock);
+    return table->count(key) != 0;
+}
+
+void zap_handler::log_refused_command(const std::string& key, const std::string& name,
+                                      uint32_t command) {
+    std::lock_guard<std::mutex> lock(refusals_lock);
+    auto& entry = commands[key];
+    entry.first = name;
+    int ended;
+    if (!entry.second.note(monotonic_seconds(), ended)) {
+        return;
+    }
+    std::string fingerprint = key_fingerprint(key);
+    if (ended > 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "Key %s (%s): %d more refusals in the last 10 s", fingerprint.c_str(),
+                            name.c_str(), ended);
+    }
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Key %s (%s) may not use command 0x%x",
+                        fingerprint.c_str(), name.c_str(), command);
+}
+
+void zap_handler::log_ended_windows() {
+    int64_t now = monotonic_seconds();
+    std::lock_guard<std::mutex> lock(refusals_lock);
+    if (int ended = handshakes.take_ended(now)) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%d more refused keys in the last 10 s",
+                            ended);
+    }
+    for (auto& [key, entry] : commands) {
+        if (int ended = entry.second.take_ended(now)) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "Key %s (%s): %d more refusals in the last 10 s",
+                                key_fingerprint(key).c_str(), entry.first.c_str(), ended);
+        }
+    }
 }
 
 void zap_handler::refresh() {
@@ -73,11 +143,11 @@ void zap_handler::refresh() {
     if (load_authorized_keys(keys_file, keys, error) != 0) {
         // Stale keys would keep a revoked key working: refuse all instead.
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "Authorized keys %s: %s, no key accepted until it is fixed\n",
+                            "Authorized keys %s: %s, no key accepted until it is fixed",
                             keys_file.c_str(), error.c_str());
         keys.clear();
     } else if (changed) {
-        __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "Authorized keys %s: %zu keys\n",
+        __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "Authorized keys %s: %zu keys",
                             keys_file.c_str(), keys.size());
     }
     auto fresh = std::make_shared<const key_table>(std::move(keys));
@@ -93,6 +163,7 @@ void zap_handler::run() {
             break;  // the context is ending
         }
         refresh();
+        log_ended_windows();
         if (rc > 0) {
             answer(socket);
         }
@@ -139,11 +210,19 @@ void zap_handler::answer(void* socket) {
         zmq_msg_close(&part);
     }
     if (status == "200") {
-        __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "Accepted key %s (%s) from %s\n",
+        __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "Accepted key %s (%s) from %s",
                             fingerprint.c_str(), name.c_str(), address.c_str());
     } else {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Refused key %s from %s\n",
-                            fingerprint.c_str(), address.c_str());
+        std::lock_guard<std::mutex> lock(refusals_lock);
+        int ended;
+        if (handshakes.note(monotonic_seconds(), ended)) {
+            if (ended > 0) {
+                __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                    "%d more refused keys in the last 10 s", ended);
+            }
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Refused key %s from %s",
+                                fingerprint.c_str(), address.c_str());
+        }
     }
     const std::string reply[6] = {"1.0",   request_id, status, status == "200" ? "OK" : "refused",
                                   user_id, ""};

@@ -52,9 +52,11 @@ int comm_data::recv_msg() {
         n = zmq_recv(socket, recv_data, static_cast<size_t>(max_recv_len + 48), 0);
     }
     // A request is one frame. Frames a client sent after it are dropped
-    // here: left queued, the next receive would take the client's own frame
-    // for the key the queue put in, and so the rights of another key.
-    if (key_frame && n != -1) {
+    // here, unread by any handler: otherwise each would run as a request of
+    // its own with no reply to carry its answer, and behind a CURVE endpoint
+    // the next receive would take the client's frame for the key the queue
+    // put in, and so the rights of another key.
+    if (n != -1) {
         int more = 0;
         size_t more_size = sizeof more;
         char scrap;
@@ -63,8 +65,10 @@ int comm_data::recv_msg() {
         }
     }
     if (n == -1) {
+        int error = errno;  // for the caller, whatever logging does to it
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_recv error, %s\n",
-                            zmq_strerror(errno));
+                            zmq_strerror(error));
+        errno = error;
         return -1;
     }
     // What this request did not carry must not be read from the previous

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "connection_guard.h"
 #include "server_comm.h"
 
 #define LOG_TAG "MONITOR_COMM"
@@ -18,14 +19,22 @@ int set_int(void* socket, int option, int value) {
 
 // Guards that no valid request notices: a frame larger than any request
 // (at most 1072 bytes are read) closes its connection instead of being
-// buffered; a connection must finish its handshake in 10 s; a peer that
-// answers no heartbeat for 30 s is dropped, so dead clients do not hold
-// descriptors. With a secret key: a CURVE server whose every handshake
-// goes to the ZAP handler, and is refused if no handler answers.
+// buffered; a connection must finish its handshake in 3 s, so connections
+// that never do cannot pile up; a peer that answers no heartbeat for 30 s
+// is dropped, so dead clients do not hold descriptors. Per peer at most
+// router_rcvhwm whole requests wait (then its connection is not read until
+// they are taken, so nothing is lost) and at most router_sndhwm replies
+// (further ones for a peer that does not read are dropped; a client that
+// reads never gets there, since its own ZeroMQ takes replies off the wire
+// whether or not it has asked for them yet). With a secret key: a CURVE
+// server whose every handshake goes to the ZAP handler, and is refused if
+// no handler answers.
 int set_router_options(void* socket, const std::string& secret) {
     int64_t max_size = 64 * 1024;
     if (zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &max_size, sizeof max_size) != 0 ||
-        set_int(socket, ZMQ_HANDSHAKE_IVL, 10000) != 0 ||
+        set_int(socket, ZMQ_HANDSHAKE_IVL, 3000) != 0 ||
+        set_int(socket, ZMQ_RCVHWM, router_rcvhwm) != 0 ||
+        set_int(socket, ZMQ_SNDHWM, router_sndhwm) != 0 ||
         set_int(socket, ZMQ_HEARTBEAT_IVL, 10000) != 0 ||
         set_int(socket, ZMQ_HEARTBEAT_TIMEOUT, 30000) != 0) {
         return -1;
@@ -50,7 +59,7 @@ int set_router_options(void* socket, const std::string& secret) {
 // user_id (router to dealer) the connection's ZAP user id goes in as a frame
 // after the envelope's empty delimiter, where the worker's REP socket hands
 // it over as the first frame of the request.
-int forward(void* from, void* to, bool user_id) {
+int forward(void* from, void* to, bool user_id, connection_guard* guard) {
     zmq_msg_t part;
     zmq_msg_init(&part);
     int flags = ZMQ_DONTWAIT;
@@ -67,6 +76,9 @@ int forward(void* from, void* to, bool user_id) {
             // Read before sending: sending clears a message's properties.
             const char* text = zmq_msg_gets(&part, "User-Id");
             id = text != nullptr ? text : "";
+            if (guard != nullptr) {
+                guard->touch(zmq_msg_get(&part, ZMQ_SRCFD));
+            }
         }
         if (zmq_msg_send(&part, to, more || delimiter ? ZMQ_SNDMORE : 0) == -1 ||
             (delimiter && zmq_send(to, id.data(), id.size(), more ? ZMQ_SNDMORE : 0) == -1)) {
@@ -102,7 +114,7 @@ int server_comm::listen_connect() {
         return -2;
     }
     if (set_router_options(socket, curve_secret) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_setsockopt error, %s\n",
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq_setsockopt error, %s",
                             zmq_strerror(errno));
         return -2;
     }
@@ -126,6 +138,10 @@ int server_comm::listen_connect() {
                             zmq_strerror(errno));
         return -4;
     }
+    // Requests wait in the router's queues, a few KiB each at most, rather
+    // than by thousands in each worker's (up to 64 KiB each): with this and
+    // the workers' worker_rcvhwm, a worker holds at most two waiting.
+    set_int(workers, ZMQ_SNDHWM, 1);
     // Deliberately unchecked: a fresh context always has the name free.
     zmq_bind(workers, "inproc://workers");
     return 0;
@@ -187,10 +203,10 @@ int server_comm::queue_with_user_id() {
             return -1;
         }
         int rc = 0;
-        for (int i = 0; i < burst && (rc = forward(workers, socket, false)) == 1; i++) {
+        for (int i = 0; i < burst && (rc = forward(workers, socket, false, nullptr)) == 1; i++) {
         }
         if (rc == 0 && sendable) {
-            for (int i = 0; i < burst && (rc = forward(socket, workers, true)) == 1; i++) {
+            for (int i = 0; i < burst && (rc = forward(socket, workers, true, guard)) == 1; i++) {
             }
         }
         if (rc == -1 && errno == ETERM) {

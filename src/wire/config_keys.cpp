@@ -51,6 +51,7 @@ const config_key config_keys[config_key_count] = {
     {S::main, "security", K::object, false, nullptr, any_min, any_max, "CURVE: the endpoint answers only authorized keys"},
     {S::security, "secret-key", K::text, true, nullptr, any_min, any_max, "file of the server's secret key (mode 0600)"},
     {S::security, "authorized-keys", K::text, true, nullptr, any_min, any_max, "file of \"KEY NAME CODES\" lines"},
+    {S::security, "max-client-ids", K::integer, false, nullptr, 0, 254, "most client ids one key may hold (default 16)"},
     {S::main, "client", K::object, false, nullptr, any_min, any_max, "keys of vireo-client; the daemon ignores it"},
     {S::client, "server-key", K::text, false, nullptr, any_min, any_max, "the server's public key: a key file or the key"},
     {S::client, "key", K::text, false, nullptr, any_min, any_max, "the client's secret key file"},

@@ -41,17 +41,19 @@ TEST(check_config, reports_each_problem_where_it_is) {
          R"(main.json:1:82: error: cannot open "no.key": No such file or directory)", 1},
         {"GOOD", R"("security": {"secret-key": "server.key", "authorized-keys": "twice.keys"}, )", "ENTRY",
          "twice.keys:2:1: error: key listed twice", 1},
-        {"GOOD", "unreadable", "ENTRY", R"(nothing.json: error: cannot open "nothing.json": No such file or directory)", 78}};
+        {"GOOD", "unreadable", "ENTRY", R"(nothing.json: error: cannot open "nothing.json": No such file or directory)", 78},
+        {"GOOD", "LAN", "ENTRY", R"(main.json:1:28: warning: plaintext endpoint on "0.0.0.0": anyone who reaches it is answered and can exhaust the daemon's memory; add "security" or listen on 127.0.0.1)", 0}};
     // clang-format on
     for (const auto& row : rows) {
         temp_dir dir;
         std::string keys = row.keys,
                     main_file = keys == "unreadable" ? "nothing.json" : "main.json";
         std::string head = keys == "-" ? "" : R"("mode": "m", )";
-        dir.write("main.json", "{" + head + R"("server_ip": "127.0.0.1", "port": 6600, )" +
-                                   (keys == "-" || keys == "unreadable" ? "" : keys) +
-                                   R"("sub-configs": [)" + replace_all(row.groups, "GOOD", good) +
-                                   "]}");
+        dir.write("main.json",
+                  "{" + head + R"("server_ip": ")" + (keys == "LAN" ? "0.0.0.0" : "127.0.0.1") +
+                      R"(", "port": 6600, )" +
+                      (keys == "-" || keys == "unreadable" || keys == "LAN" ? "" : keys) +
+                      R"("sub-configs": [)" + replace_all(row.groups, "GOOD", good) + "]}");
         dir.write("sub.json",
                   R"({"cmd-list": [)" +
                       replace_all(replace_all(row.entries, "ENTRY", entry), "LIB", lib) + "]}");

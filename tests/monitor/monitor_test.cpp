@@ -54,6 +54,24 @@ TEST(monitor, unknown_type) {
     EXPECT_EQ(log.lines(), logs{error("Not support cmd type:7\n")});
 }
 
+// A worker whose context ends closes its socket and ends instead of
+// retrying for ever; closing the endpoint, which waits for every socket of
+// the context, then completes.
+TEST(monitor, worker_ends_with_its_context) {
+    monitor mon;
+    mon.comm = std::make_unique<server_comm>("127.0.0.1", free_port());
+    ASSERT_EQ(mon.comm->listen_connect(), 0);
+    std::thread worker(worker_routine, &mon);
+    for (int i = 0; i < 500 && mon.comm->get_comm_list().empty(); i++) usleep(10000);
+    std::atomic<bool> closed{false};
+    std::thread closer([&] { closed = mon.comm->close_connect() == 0; });
+    for (int i = 0; i < 1000 && !closed; i++) usleep(10000);
+    ASSERT_TRUE(closed) << "closing waits for a worker that never ends";
+    closer.join();
+    worker.join();
+    for (comm_data* c : mon.comm->get_comm_list()) delete c;
+}
+
 class daemon_test : public ::testing::Test {
 protected:
     served_daemon s{R"(

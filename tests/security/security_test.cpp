@@ -5,6 +5,7 @@
 #include <zmq.h>
 
 #include <memory>
+#include <regex>
 #include <thread>
 
 #include "test_util.h"
@@ -37,9 +38,10 @@ struct client {
         zmq_close(sock);
         zmq_ctx_term(ctx);
     }
+    bytes reply;
     // The reply's command and msg_len, or no_reply when nothing came in time.
     std::pair<int, int> ask2(const bytes& frame) {
-        bytes reply(9000);
+        reply.assign(9000, 0);
         int n = zmq_send(sock, frame.data(), frame.size(), 0) < 0
                     ? -1
                     : zmq_recv(sock, reply.data(), reply.size(), 0);
@@ -50,21 +52,27 @@ struct client {
         return {v.command, n == v.msg_len + 48 ? v.msg_len : -no_reply};
     }
     int ask(const bytes& frame) { return ask2(frame).second; }
+    // Takes a client id (sub 1) or returns id (sub 2): the id taken, or msg_len.
+    int id(int sub, uint8_t id = 0) {
+        int len = ask(make_request(0xEAEA, sub, {id}));
+        return sub == 1 && len == 1 ? reply[44] : len;
+    }
 };
 
 // Groups 0x10 (4 bytes) and 0x20 (5 bytes); "alice" may use all codes, "bob"
-// 0x10 and 0x30, "carol" is not listed.
+// 0x10 and 0x30, "dave" 0x10 and the client ids, at most 2 of them; "carol"
+// is not listed.
 class security_test : public ::testing::Test {
 protected:
     temp_dir dir;
-    keypair server, alice, bob, carol;
+    keypair server, alice, bob, carol, dave;
     int port = 0;
     std::string endpoint;
     std::unique_ptr<daemon_process> daemon;
 
     std::string keys_text(bool with_alice) {
         return "# clients\n" + (with_alice ? alice.pub + std::string(" alice *\n") : "") + bob.pub +
-               " bob 0x10,30\n";
+               " bob 0x10,30\n" + dave.pub + " dave 0x10,eaea\n";
     }
     void write_files(bool secure) {
         port = free_port();
@@ -79,7 +87,7 @@ protected:
         dir.write("server.key", std::string("# server\n") + server.sec + "\n");
         dir.write("keys", keys_text(true));
         dir.write("main.json", R"({"mode": "m", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [)" + subs + "]" +
-                               (secure ? R"(, "security": {"secret-key": ")" + d + R"(/server.key", "authorized-keys": ")" + d + R"(/keys"})" : "") + "}");
+                               (secure ? R"(, "security": {"secret-key": ")" + d + R"(/server.key", "authorized-keys": ")" + d + R"(/keys", "max-client-ids": 2})" : "") + "}");
         // clang-format on
     }
     void start(bool secure) {
@@ -93,7 +101,15 @@ protected:
         }
         FAIL() << "daemon not ready: " << daemon->stderr_text();
     }
-    bool logged(const std::string& text) { return daemon->wait_stderr(text); }
+    // A log line of exactly this text: the logger adds the newline.
+    bool logged(const std::string& text, int timeout_ms = 5000) {
+        if (!daemon->wait_stderr(text, timeout_ms))
+            return false;
+        for (const log_line& l : daemon->log_lines())
+            if (l.text == text)
+                return true;
+        return false;
+    }
 };
 
 TEST_F(security_test, only_accepted_keys_complete_the_handshake) {
@@ -111,21 +127,44 @@ TEST_F(security_test, only_accepted_keys_complete_the_handshake) {
     for (const auto& r : rows)
         EXPECT_EQ(client(endpoint, r.server_pub, r.me).ask(make_request(0x10, 1)), r.msg_len)
             << r.what;
-    EXPECT_TRUE(logged("Refused key " + std::string(carol.pub, 10) + " from 127.0.0.1\n"));
+    // A flood of refused handshakes: one line, then one line with the count.
+    for (int i = 0; i < 10; i++)
+        EXPECT_EQ(client(endpoint, server.pub, &carol, 100).ask(make_request(0x10, 1)), no_reply);
+    EXPECT_TRUE(logged("Refused key " + std::string(carol.pub, 10) + " from 127.0.0.1"));
+    ASSERT_TRUE(daemon->wait_stderr(" more refused keys in the last 10 s\n", 15000));
+    int refused = 0, counted = 0;
+    const std::regex count("[1-9][0-9]* more refused keys in the last 10 s");
+    for (const log_line& l : daemon->log_lines()) {
+        refused += l.text.rfind("Refused key ", 0) == 0;
+        counted += std::regex_match(l.text, count);
+    }
+    EXPECT_EQ(refused, 1);
+    EXPECT_EQ(counted, 1);
 }
 
 TEST_F(security_test, rights_per_key_follow_the_file_while_running) {
     start(true);
-    client a(endpoint, server.pub, &alice), b(endpoint, server.pub, &bob);
+    client a(endpoint, server.pub, &alice), b(endpoint, server.pub, &bob),
+        d(endpoint, server.pub, &dave);
     struct {
         client* c;
         uint32_t command;
         int msg_len;
-    } rows[] = {{&b, 0x10, 4}, {&b, 0x20, -1}, {&b, 0xEAEA, 0}, {&a, 0x20, 5}, {&a, 0x30, -22}};
+    } rows[] = {{&b, 0x10, 4}, {&b, 0x20, -1}, {&b, 0xEAEA, -1}, {&a, 0x20, 5}, {&a, 0x30, -22}};
     for (const auto& r : rows)
         EXPECT_EQ(r.c->ask(make_request(r.command, r.command == 0xEAEA ? 2 : 1, {0})), r.msg_len)
             << std::hex << r.command;
-    EXPECT_TRUE(logged("Key " + std::string(bob.pub, 10) + " (bob) may not use command 0x20\n"));
+    EXPECT_TRUE(logged("Key " + std::string(bob.pub, 10) + " (bob) may not use command 0x20"));
+
+    // Client ids belong to the key that took them, at most 2 per key: the id
+    // taken (sub-command 1) or the reply's msg_len (2, returning one).
+    struct {
+        client* c;
+        int sub, id, answer;
+    } ids[] = {{&a, 1, 0, 1}, {&d, 1, 0, 2}, {&d, 2, 1, 0}, {&d, 1, 0, 3}, {&d, 1, 0, 0},
+               {&a, 2, 1, 0}, {&d, 2, 2, 0}, {&a, 1, 0, 1}, {&a, 1, 0, 2}, {&d, 2, 3, 0}};
+    for (const auto& r : ids)
+        EXPECT_EQ(r.c->id(r.sub, static_cast<uint8_t>(r.id)), r.answer) << r.sub << " " << r.id;
 
     // Frames after the request are dropped, never read as a key of their own:
     // bob cannot borrow alice's rights by sending her public key along.
@@ -142,9 +181,10 @@ TEST_F(security_test, rights_per_key_follow_the_file_while_running) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(answer, -1);
     EXPECT_TRUE(
-        logged("Key " + std::string(alice.pub, 10) + " (revoked) may not use command 0x10\n"));
+        logged("Key " + std::string(alice.pub, 10) + " (revoked) may not use command 0x10"));
     EXPECT_EQ(client(endpoint, server.pub, &alice).ask(make_request(0x10, 1)), no_reply);
     EXPECT_EQ(b.ask(make_request(0x10, 1)), 4);
+    EXPECT_EQ(d.id(1), 1);  // alice's ids went with her key
 
     // A file broken while running refuses every key rather than keep the last ones.
     dir.write("keys", "short bob *\n");
@@ -153,12 +193,12 @@ TEST_F(security_test, rights_per_key_follow_the_file_while_running) {
     EXPECT_EQ(answer, -1);
     EXPECT_TRUE(
         logged("Authorized keys " + dir.path() +
-               "/keys: line 1: not a 40-character Z85 key, no key accepted until it is fixed\n"));
+               "/keys: line 1: not a 40-character Z85 key, no key accepted until it is fixed"));
 }
 
 // In both modes an empty frame reads as command 0, not as the request a
-// worker served before; a 1 MiB message costs its sender the connection and
-// nobody else anything.
+// worker served before; frames after a request's first are dropped; a 1 MiB
+// message costs its sender the connection and nobody else anything.
 TEST_F(security_test, guards_hold_in_both_modes) {
     for (bool secure : {false, true}) {
         SCOPED_TRACE(secure ? "CURVE" : "plaintext");
@@ -169,6 +209,11 @@ TEST_F(security_test, guards_hold_in_both_modes) {
             ASSERT_EQ(a.ask(make_request(0x10, 1, {1, 2, 3, 4})), 4);
             EXPECT_EQ(b.ask2({}), std::make_pair(0, -22));
         }
+        // Three request frames in one message run one handler: one id taken.
+        bytes take = make_request(0xEAEA, 1);
+        for (int i = 0; i < 2; i++) zmq_send(a.sock, take.data(), take.size(), ZMQ_SNDMORE);
+        EXPECT_EQ(a.id(1), 1);
+        EXPECT_EQ(a.id(1), 2);
         ASSERT_EQ(zmq_socket_monitor(big.sock, "inproc://big", ZMQ_EVENT_DISCONNECTED), 0);
         void* events = zmq_socket(big.ctx, ZMQ_PAIR);
         int timeout = 5000;

@@ -177,6 +177,16 @@ public:
         return v;
     }
 
+    // A whole number within the key's range.
+    void integer(const source& src, const Json::Value& obj, config_key_id id) {
+        const config_key& k = config_keys[id];
+        if (const Json::Value* v = member(src, obj, id);
+            v != nullptr && (!v->isInt() || v->asInt() < k.min || v->asInt() > k.max)) {
+            error(src.at(*v), std::string("\"") + k.name + "\": expected a number from " +
+                                  std::to_string(k.min) + " to " + std::to_string(k.max));
+        }
+    }
+
     // Text as asString() gives it: arrays and objects stop the daemon;
     // numbers, booleans and null are turned into text.
     bool text(const source& src, const Json::Value& obj, config_key_id id, std::string& out,
@@ -282,13 +292,7 @@ void checker::main_file(const source& src) {
     std::string t;
     text(src, src.root, key_mode, t);  // required; its value means nothing
     text(src, src.root, key_server_ip, t);
-    if (const Json::Value* port = member(src, src.root, key_port)) {
-        const config_key& k = config_keys[key_port];
-        if (!port->isInt() || port->asInt() < k.min || port->asInt() > k.max) {
-            error(src.at(*port), "\"port\": expected a number from " + std::to_string(k.min) +
-                                     " to " + std::to_string(k.max));
-        }
-    }
+    integer(src, src.root, key_port);
     std::map<uint32_t, std::string> codes;  // code -> where the kept group is
     if (const Json::Value* subs = list(src, src.root, key_sub_configs)) {
         for (const Json::Value& g : *subs) {
@@ -297,6 +301,13 @@ void checker::main_file(const source& src) {
     }
     if (const Json::Value* sec = member(src, src.root, key_security)) {
         security(src, *sec);
+    } else if (const Json::Value* ip = member(src, src.root, key_server_ip);
+               ip != nullptr && ip->isString() && ip->asString().rfind("127.", 0) != 0 &&
+               ip->asString() != "localhost" && ip->asString() != "::1") {
+        // Nothing bounds what a plaintext peer can make the daemon hold.
+        warning(src.at(*ip), "plaintext endpoint on \"" + ip->asString() +
+                                 "\": anyone who reaches it is answered and can exhaust the "
+                                 "daemon's memory; add \"security\" or listen on 127.0.0.1");
     }
 }
 
@@ -460,6 +471,7 @@ void checker::security(const source& src, const Json::Value& sec) {
     if (text(src, sec, key_authorized_keys, path)) {
         key_file(src.at(sec[key_name(key_authorized_keys)]), path, false);
     }
+    integer(src, sec, key_max_client_ids);
 }
 
 // A secret key file, or an authorized-keys file, by the daemon's readers:
