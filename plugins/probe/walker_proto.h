@@ -25,12 +25,38 @@ enum walker_op : uint32_t {
     walker_bind = 3,
 };
 
-struct walker_request {
-    uint32_t op;
-    int32_t tid;  // 0: every thread of the walker's process
-};
-
 struct walker_reply {
     int32_t status;  // 0, or a negated errno value (then len is 0)
     uint32_t len;    // text bytes that follow
 };
+
+struct walker_request {
+    uint32_t op;
+    int32_t tid;  // 0: every thread of the walker's process
+    // Milliseconds a thread may take to stop before it is reported as not
+    // stopped and the walk goes on with the next one (at least 1).
+    int32_t stop_ms;
+};
+
+// A walk deeper than this many frames is cut: the text reply ends the
+// thread's frames with walker_cut_line, a folded stack starts with
+// walker_cut_root.
+constexpr unsigned walker_max_frames = 256;
+#define walker_cut_line "    ... (cut at 256 frames)"
+#define walker_cut_root "[cut]"
+
+// A request the walker serves: a known op, a thread id that is not negative
+// and, but for walker_bind, a stop time of 1 ms to 10 minutes.
+inline bool walker_request_valid(const walker_request& r) {
+    if (r.op == walker_bind)
+        return r.tid > 0;
+    return (r.op == walker_stack || r.op == walker_sample) && r.tid >= 0 && r.stop_ms >= 1 &&
+           r.stop_ms <= 600000;
+}
+
+// A reply header the plug-in accepts: a status of 0 with up to
+// walker_max_text bytes of text, or a negative status without text.
+inline bool walker_reply_valid(const walker_reply& r) {
+    return r.status == 0 ? r.len <= walker_max_text : r.status < 0 && r.len == 0;
+}
+

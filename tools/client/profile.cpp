@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "vireo_client.h"
+#include "../../plugins/probe/probe_codes.h"
 
 namespace {
 
@@ -267,7 +268,7 @@ int run_profile(int argc, char** argv) {
         if (r.header().msg_len < 0) {
             errors++;
             last_error = r.header().msg_len;
-            if (last_error == -3)
+            if (last_error == probe_no_process)
                 break;  // the process is gone: nothing more to sample
         }
         if (progress) {

@@ -62,7 +62,8 @@ int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command
 // The meaning of a negative status in a reply: the daemon's own codes (-22
 // "unknown command or sub-command", -1 "operation not permitted by this
 // key", ...), else the text of the negated errno a plug-in returned, e.g. -3
-// "No such process"; "unknown error" when there is none.
+// "No such process", and the probe plug-in's codes (probe_codes.h);
+// "unknown error" when there is none.
 std::string status_text(int32_t code);
 
 // CURVE keys of a client, 40-character Z85 texts; all empty for plaintext.
