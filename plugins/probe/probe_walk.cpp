@@ -257,34 +257,7 @@ int exchange(walker_proc& p, const walker_request& req, steady::time_point deadl
         static_cast<ssize_t>(sizeof req)) {
         return -EPIPE;
     }
-    auto receive = [&](void* buf, size_t n) {
-        auto* at = static_cast<uint8_t*>(buf);
-        while (n > 0) {
-            auto left = std::chrono::duration_cast<milliseconds>(deadline - steady::now()).count();
-            pollfd pf{p.fd, POLLIN, 0};
-            int ready = left > 0 ? poll(&pf, 1, static_cast<int>(left) + 1) : 0;
-            if (ready < 0 && errno == EINTR)
-                continue;
-            if (ready == 0)
-                return -ETIME;
-            ssize_t r = recv(p.fd, at, n, MSG_DONTWAIT);
-            if (r < 0 && (errno == EINTR || errno == EAGAIN))
-                continue;
-            if (r <= 0)
-                return -EIO;
-            at += r;
-            n -= static_cast<size_t>(r);
-        }
-        return 0;
-    };
-    int rc = receive(&rep, sizeof rep);
-    if (rc == 0 && !walker_reply_valid(rep))
-        rc = -EIO;
-    if (rc == 0) {
-        text.resize(rep.len);
-        rc = receive(&text[0], rep.len);
-    }
-    return rc;
+    return walker_read_reply(p.fd, deadline, rep, text);
 }
 
 // --- the pool: one walker per target, one request per target at a time ---------

@@ -745,11 +745,6 @@ bool move_all(Io io, uint8_t* p, size_t n) {
     return true;
 }
 
-bool read_all(int fd, void* buf, size_t n) {
-    return move_all([fd](uint8_t* p, size_t k) { return read(fd, p, k); },
-                    static_cast<uint8_t*>(buf), n);
-}
-
 bool write_all(int fd, const void* buf, size_t n) {
     // send only reads from p: the cast serves the shared loop.
     return move_all([fd](uint8_t* p, size_t k) { return send(fd, p, k, MSG_NOSIGNAL); },
@@ -821,15 +816,16 @@ int main(int argc, char** argv) {
             continue;
         }
         walker_request req;
-        if (!read_all(walker_fd, &req, sizeof req))
+        int got = walker_read_request(walker_fd, req);
+        if (got < 0)
             return 0;  // the plug-in closed
-        if (req.op == walker_bind && w.pid == 0 && walker_request_valid(req)) {
+        if (req.op == walker_bind && w.pid == 0 && got == 1) {
             w.pid = req.tid;
             continue;
         }
         text_out out(text.data(), static_cast<int>(text.size()));
         walker_reply rep{};
-        bool known = w.pid > 0 && req.op != walker_bind && walker_request_valid(req);
+        bool known = w.pid > 0 && req.op != walker_bind && got == 1;
         rep.status = known ? handle(w, req, out) : -EINVAL;
         rep.len = rep.status == 0 ? static_cast<uint32_t>(out.finish()) : 0;
         if (!write_all(walker_fd, &rep, sizeof rep) ||

@@ -4,7 +4,9 @@
 // travel in host byte order.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <string>
 
 // The walker's end of the socket.
 constexpr int walker_fd = 3;
@@ -60,3 +62,12 @@ inline bool walker_reply_valid(const walker_reply& r) {
     return r.status == 0 ? r.len <= walker_max_text : r.status < 0 && r.len == 0;
 }
 
+// The plug-in's end: one reply header and its text from fd by deadline. 0
+// with rep and text; -ETIME when the deadline passed; -EIO at end of file,
+// on an error, or for a header walker_reply_valid refuses.
+int walker_read_reply(int fd, std::chrono::steady_clock::time_point deadline, walker_reply& rep,
+                      std::string& text);
+
+// The walker's end: the next request from fd, blocking. 1 for a request
+// walker_request_valid accepts, 0 for another, -1 when the plug-in closed.
+int walker_read_request(int fd, walker_request& req);
