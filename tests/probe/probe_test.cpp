@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -195,6 +196,29 @@ TEST(probe, wedged_target_holds_no_worker) {
     EXPECT_GT(stacks, 0);
     EXPECT_NE(d.ask(SAMPLE, pid_payload(h.pid)).payload.find("\t[uninterruptible]\n"), string::npos);
     EXPECT_FALSE(traced(h.pid));
+}
+
+// Walks hold at most max-walks workers: with walkers that never answer, two
+// of four walks of different processes wait out their deadline, the other
+// two are answered busy at once, and file commands are answered. (A request
+// the daemon queues to a worker inside a walk waits for that walk.)
+TEST(probe, walks_hold_at_most_max_walks_workers) {
+    temp_dir bin;
+    string silent = bin.write("walker", "#!/bin/sh\nexec cat <&3 >/dev/null\n");
+    ASSERT_EQ(chmod(silent.c_str(), 0755), 0);
+    probe_daemon d(R"({"deadline-ms": 3000, "max-walks": 2, "walker": ")" + silent + R"("})");
+    helper_process h[3];
+    for (auto& x : h) ASSERT_EQ(x.read_line(), "ready");
+    pid_t targets[] = {h[0].pid, h[1].pid, h[2].pid, getpid()};
+    std::vector<int32_t> codes(4);
+    std::vector<std::thread> t;
+    for (int i = 0; i < 4; i++) t.emplace_back([&, i] { codes[i] = d.code(STACK, pid_payload(targets[i]), 10000); });
+    int loads = 0;
+    for (int i = 0; i < 3; i++) loads += d.ask(1, {}, 10000, SYSTEM).payload.find('/') != string::npos;
+    for (auto& x : t) x.join();
+    EXPECT_EQ(loads, 3);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), probe_deadline), 2) << testing::PrintToString(codes);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), probe_busy), 2) << testing::PrintToString(codes);
 }
 
 // Awkward targets, each a helper, a command and what its reply holds: a
