@@ -83,6 +83,12 @@ void own_paths(std::string& named, std::string& real) {
 void load_allow(const Json::Value& allow, const std::string& path, settings& s) {
     if (allow.isNull())
         return;
+    if (!allow.isObject()) {
+        __android_log_print(ANDROID_LOG_ERROR, log_tag, "%s: allow is not an object: nothing allowed",
+                            path.c_str());
+        s.uids = {static_cast<uid_t>(-1)};
+        return;
+    }
     auto list = [&](const char* key, auto add) {
         const Json::Value& l = allow[key];
         if (l.isNull())
@@ -477,8 +483,9 @@ int walk(comm_data* c, walker_op op, std::string& text) {
         __android_log_print(ANDROID_LOG_ERROR, log_tag, "walker of pid %d ended during the walk",
                             args.pid);
     }
-    // A walker is kept only after a clean answer about a live process.
-    if (rc != 0 || rep.status == -ESRCH)
+    // A walker is kept only after a clean answer about a live process, and
+    // when it is not ending.
+    if (rc != 0 || rep.status == -ESRCH || rep.ending != 0)
         kill_walker(p);
     rc = rc != 0 ? rc : rep.status;
     end_turn(args.pid, p, rc, text);

@@ -828,6 +828,7 @@ int main(int argc, char** argv) {
         bool known = w.pid > 0 && req.op != walker_bind && got == 1;
         rep.status = known ? handle(w, req, out) : -EINVAL;
         rep.len = rep.status == 0 ? static_cast<uint32_t>(out.finish()) : 0;
+        rep.ending = w.stuck ? 1 : 0;
         if (!write_all(walker_fd, &rep, sizeof rep) ||
             !write_all(walker_fd, text.data(), rep.len) || w.stuck) {
             return 0;

@@ -30,6 +30,9 @@ enum walker_op : uint32_t {
 struct walker_reply {
     int32_t status;  // 0, or a negated errno value (then len is 0)
     uint32_t len;    // text bytes that follow
+    // 1: the walker ends after this reply, for it holds a thread that did
+    // not stop and that only its exit lets go; 0 otherwise.
+    uint32_t ending;
 };
 
 struct walker_request {
@@ -59,7 +62,7 @@ inline bool walker_request_valid(const walker_request& r) {
 // A reply header the plug-in accepts: a status of 0 with up to
 // walker_max_text bytes of text, or a negative status without text.
 inline bool walker_reply_valid(const walker_reply& r) {
-    return r.status == 0 ? r.len <= walker_max_text : r.status < 0 && r.len == 0;
+    return (r.status == 0 ? r.len <= walker_max_text : r.status < 0 && r.len == 0) && r.ending <= 1;
 }
 
 // The plug-in's end: one reply header and its text from fd by deadline. 0
