@@ -174,7 +174,7 @@ TEST(probe, targets_exiting_during_walks) {
 // busy; a file command from another client is answered meanwhile; samples
 // skip the stuck thread; the target is not left traced.
 TEST(probe, wedged_target_holds_no_worker) {
-    probe_daemon d(R"({"deadline-ms": 2000})");
+    probe_daemon d(R"({"deadline-ms": 10000})");
     helper_process h({"vfork"});
     ASSERT_EQ(h.read_line(), "ready");
     if (d.code(STACK, pid_payload(h.pid)) == probe_refused) GTEST_SKIP() << no_ptrace;
@@ -184,7 +184,7 @@ TEST(probe, wedged_target_holds_no_worker) {
     for (int i = 0; i < 15; i++)
         t.emplace_back([&, i] {
             for (int k = 0; k < 5; k++) {
-                client_reply r = d.ask(STACK, pid_payload(h.pid), 10000);
+                client_reply r = d.ask(STACK, pid_payload(h.pid), 30000);
                 bool whole = count(r.payload, "Thread ") == 4 && count(r.payload, "    (not stopped: D state)\n") == 1 && count(r.payload, " in vireo_helper_deep+0x") == 3;
                 r.header().msg_len == probe_busy ? busy++ : whole ? stacks++ : (bad[i] = std::to_string(r.header().msg_len) + r.payload, 0);
             }
@@ -231,8 +231,8 @@ TEST(probe, awkward_targets) {
     string ns_exe = dir.write("exe", "#!/bin/sh\nnot the helper\n");
     struct { const char* name; std::vector<string> argv; string ns_exe; int sub; std::vector<string> want; } rows[] = {
         {"leader exited", {"leader-exit"}, "", STACK, {"(no frames: the thread has exited)", " in vireo_helper_deep+0x"}},
-        {"cut stack", {"threads", "2", "100000"}, "", STACK, {"\n#255 0x", " in vireo_helper_deep+0x", "\n" walker_cut_line "\n"}},
-        {"cut folded stack", {"threads", "2", "100000"}, "", SAMPLE, {"\t" walker_cut_root ";vireo_helper_deep;"}},
+        {"cut stack", {"threads", "2", "20000"}, "", STACK, {"\n#255 0x", " in vireo_helper_deep+0x", "\n" walker_cut_line "\n"}},
+        {"cut folded stack", {"threads", "2", "20000"}, "", SAMPLE, {"\t" walker_cut_root ";vireo_helper_deep;"}},
         {"own mount namespace", {}, ns_exe, STACK, {" in vireo_helper_inner+0x", "(" + ns_exe + ")\n"}}};
     for (const auto& row : rows) {
         helper_process h(row.argv, row.ns_exe);
