@@ -22,14 +22,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <memory>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -354,12 +354,13 @@ int take_turn(pid_t target, const walker_request& req, steady::time_point deadli
     uint64_t seen = s.walks;
     s.waiters++;
     bool ended = pool_changed.wait_until(hold, deadline, [&] { return s.walks != seen; });
-    s.waiters--;
-    if (!ended)
-        return -ETIME;
-    rc = s.rc;
-    text = s.text;
-    return turn_shared;
+    if (ended) {
+        rc = s.rc;
+        text = s.text;
+    }
+    if (--s.waiters == 0)
+        s.text.reset();  // the last to share it: the slot keeps no reply text
+    return ended ? turn_shared : -ETIME;
 }
 
 // Ends the turn, keeping p (when it has a pid) as target's idle walker and
