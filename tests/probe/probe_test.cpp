@@ -30,7 +30,8 @@ const uint32_t SYSTEM = 0x10, PROBE = 0x30;
 
 std::vector<uint8_t> args(uint32_t pid, uint32_t tid) { auto p = pid_payload(pid), t = pid_payload(tid); p.insert(p.end(), t.begin(), t.end()); return p; }
 size_t count(const string& text, const string& what) { size_t n = 0; for (size_t i = text.find(what); i != string::npos; i = text.find(what, i + 1)) n++; return n; }
-string d_listing(pid_t pid) { string out; if (DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/task").c_str())) { while (dirent* e = readdir(dir)) if (e->d_name[0] != '.') out += string(e->d_name) + " "; closedir(dir); } return out; }
+// The thread ids of pid, or with what "children", its children's pids.
+string d_listing(pid_t pid, const string& what = "") { string out, base = "/proc/" + std::to_string(pid) + "/task/"; if (DIR* dir = opendir(base.c_str())) { while (dirent* e = readdir(dir)) if (e->d_name[0] != '.') out += (what.empty() ? string(e->d_name) : read_text_file(base + e->d_name + "/" + what)) + " "; closedir(dir); } return out; }
 bool traced(pid_t pid) { string status = read_text_file("/proc/" + std::to_string(pid) + "/status"); return !status.empty() && status.find("TracerPid:\t0\n") == string::npos; }
 
 // A helper in a process group of its own, stdin and stdout one socket of ours;
@@ -245,6 +246,16 @@ TEST(probe, awkward_targets) {
         if (r.header().msg_len == probe_refused) GTEST_SKIP() << no_ptrace;
         EXPECT_TRUE(holds()) << row.name << ": " << r.header().msg_len << "\n" << r.payload;
     }
+    // Its walkers hold no capability but ptrace, reading and map_files, and can gain none.
+    int walkers = 0;
+    std::istringstream kids(d_listing(d.daemon->pid(), "children"));
+    for (string kid; kids >> kid; walkers++) {
+        string status = "\n" + read_text_file("/proc/" + kid + "/status");
+        auto field = [&](const string& f) { size_t at = status.find("\n" + f + ":\t"); return at == string::npos ? ~0ull : std::stoull(status.substr(at + f.size() + 3), nullptr, 16); };
+        const unsigned long long kept = 1ull << 19 | 1ull << 2 | 1ull << 40;  // CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_CHECKPOINT_RESTORE
+        EXPECT_TRUE(status.find("\nName:\tvireo-walker\n") != string::npos && ((field("CapEff") | field("CapBnd")) & ~kept) == 0 && field("CapAmb") == 0 && field("NoNewPrivs") == 1) << status;
+    }
+    EXPECT_GT(walkers, 0);
 }
 
 // Codes that name the probe's own refusals: a process traced by a debugger, a
