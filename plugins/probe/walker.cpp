@@ -31,6 +31,7 @@
 #include <sys/uio.h>
 #include <sys/user.h>
 #include <sys/wait.h>
+#include <grp.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -751,10 +752,15 @@ bool write_all(int fd, const void* buf, size_t n) {
                     const_cast<uint8_t*>(static_cast<const uint8_t*>(buf)), n);
 }
 
+// An unprivileged identity for a walker started by root ("nobody"): root's
+// own files, which root may write without any capability, stay out of
+// reach of a walker that libdw's parsing went wrong in.
+constexpr uid_t unprivileged_id = 65534;
+
 // Keeps only the capabilities a walk uses: ptrace, reading the target's
 // files whoever owns them, and opening them through map_files. What libdw
 // parses can then no longer use any other privilege the daemon had, nor
-// gain one through an exec.
+// gain one through an exec. Run as root, the walker also leaves uid 0.
 void drop_privileges() {
     uint64_t keep = 1ull << CAP_SYS_PTRACE | 1ull << CAP_DAC_READ_SEARCH;
 #ifdef CAP_CHECKPOINT_RESTORE
@@ -767,13 +773,23 @@ void drop_privileges() {
             prctl(PR_CAPBSET_DROP, cap, 0, 0, 0);
     }
     prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
+    if (geteuid() == 0) {
+        // The permitted set survives the change of uid; the effective one
+        // is restored from it below.
+        prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0);
+        if (setgroups(0, nullptr) != 0 ||
+            setresgid(unprivileged_id, unprivileged_id, unprivileged_id) != 0 ||
+            setresuid(unprivileged_id, unprivileged_id, unprivileged_id) != 0) {
+            fprintf(stderr, "vireo-walker: cannot leave uid 0: %s\n", strerror(errno));
+        }
+    }
     __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[2] = {};
     if (syscall(SYS_capget, &head, data) == 0) {
         for (int i = 0; i < 2; i++) {
             uint32_t mask = static_cast<uint32_t>(keep >> (32 * i));
-            data[i].effective &= mask;
             data[i].permitted &= mask;
+            data[i].effective = data[i].permitted;
             data[i].inheritable = 0;
         }
         syscall(SYS_capset, &head, data);
@@ -803,6 +819,10 @@ int main(int argc, char** argv) {
     sigaddset(&chld, SIGCHLD);
     sigprocmask(SIG_BLOCK, &chld, nullptr);
     drop_privileges();
+    // A change of uid clears the parent-death signal: set it again.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent)
+        return 0;
 
     static walker w;  // the page cache is large for a stack
     the_walker = &w;
