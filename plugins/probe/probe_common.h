@@ -31,7 +31,11 @@ int probe_parse_args(comm_data* c, probe_args& args);
 // (ESRCH) otherwise.
 int probe_check_target(const probe_args& args);
 
-// Both of the above: the request's target, parsed and found running.
+// 0 when probe.conf's "allow" lets pid be walked (by its uids, executable
+// and cgroup), else -EPROTONOSUPPORT.
+int probe_allowed(pid_t pid);
+
+// All of the above: the request's target, parsed, found running and allowed.
 int probe_target(comm_data* c, probe_args& args);
 
 // The thread ids of a process, ascending; empty when it is gone.

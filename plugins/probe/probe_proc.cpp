@@ -6,6 +6,7 @@
 #include <memory>
 #include <sstream>
 
+#include "wire/probe_codes.h"
 #include "probe_common.h"
 #include "server_comm.h"
 
@@ -52,11 +53,9 @@ std::string seconds(unsigned long ticks, long hz) {
     return buf;
 }
 
-}  // namespace
-
 // One line per thread, tab-separated: tid, name, state, user and system CPU
 // time in seconds.
-PROBE_EXPORT int probe_threads(comm_data* c) {
+int list_threads(comm_data* c) {
     probe_args args;
     int rc = probe_target(c, args);
     if (rc != 0)
@@ -94,8 +93,8 @@ PROBE_EXPORT int probe_threads(comm_data* c) {
 }
 
 // The kernel stack of one thread (tid 0: the main thread) as the kernel
-// prints it. Reading it usually takes privileges: refused is -1.
-PROBE_EXPORT int probe_kstack(comm_data* c) {
+// prints it. Reading it usually takes privileges: refused is probe_refused.
+int kernel_stack(comm_data* c) {
     probe_args args;
     int rc = probe_target(c, args);
     if (rc != 0)
@@ -121,4 +120,14 @@ PROBE_EXPORT int probe_kstack(comm_data* c) {
         start = end + 1;
     }
     return out.finish();
+}
+
+}  // namespace
+
+PROBE_EXPORT int probe_threads(comm_data* c) {
+    return probe_status(list_threads(c));
+}
+
+PROBE_EXPORT int probe_kstack(comm_data* c) {
+    return probe_status(kernel_stack(c));
 }

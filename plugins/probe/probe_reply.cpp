@@ -26,7 +26,8 @@ int probe_parse_args(comm_data* c, probe_args& args) {
 
 int probe_target(comm_data* c, probe_args& args) {
     int rc = probe_parse_args(c, args);
-    return rc != 0 ? rc : probe_check_target(args);
+    rc = rc != 0 ? rc : probe_check_target(args);
+    return rc != 0 ? rc : probe_allowed(args.pid);
 }
 
 int probe_reply(comm_data* c, const char* text, size_t len) {

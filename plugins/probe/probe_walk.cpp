@@ -3,8 +3,11 @@
 // alive for a while after its last request, so that repeated walks find
 // the modules and symbol tables loaded. Every request waits for its walker
 // with a deadline; past it the walker is killed (its death detaches every
-// thread it holds) and the request answers -62 (ETIME). A walker that dies
-// costs its one request: -5 (EIO).
+// thread it holds) and the request answers probe_deadline. A walker that
+// dies costs its one request: probe_walker_failed. Walks hold at most
+// max-walks of the daemon's five workers; a walk of a process that is
+// already being walked shares that walk's answer, or is answered
+// probe_busy at once.
 #include <android/log.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -15,18 +18,23 @@
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
 
+#include "wire/probe_codes.h"
 #include "probe_common.h"
 #include "server_comm.h"
 #include "walker_proto.h"
@@ -45,7 +53,12 @@ struct settings {
     int deadline_ms = 2000;  // per request, waiting for the walker included
     int idle_ms = 3000;      // a walker's life after its last request
     int max_idle = 8;        // idle walkers kept at most
+    int max_walks = 2;       // workers inside walks at once
     std::string walker;      // the program; empty: found next to the plug-in
+    // Who may be walked: every list given must match (empty: anyone).
+    std::vector<uid_t> uids;            // every uid of the process
+    std::vector<std::string> exes;      // its executable: a path or a "dir/" prefix
+    std::vector<std::string> cgroups;   // its cgroup (v2): that one or below it
 };
 
 std::string dir_of(const std::string& path) {
@@ -64,10 +77,57 @@ void own_paths(std::string& named, std::string& real) {
     real = realpath(info.dli_fname, buf) != nullptr ? buf : named;
 }
 
+// "allow": {"uids": [...], "exes": [...], "cgroups": [...]}. A list of
+// the wrong type allows nothing, so that a typing error does not open the
+// whole board.
+void load_allow(const Json::Value& allow, const std::string& path, settings& s) {
+    if (allow.isNull())
+        return;
+    if (!allow.isObject()) {
+        __android_log_print(ANDROID_LOG_ERROR, log_tag, "%s: allow is not an object: nothing allowed",
+                            path.c_str());
+        s.uids = {static_cast<uid_t>(-1)};
+        return;
+    }
+    auto list = [&](const char* key, auto add) {
+        const Json::Value& l = allow[key];
+        if (l.isNull())
+            return;
+        bool ok = l.isArray();
+        for (Json::ArrayIndex i = 0; ok && i < l.size(); i++) ok = add(l[i]);
+        if (!ok) {
+            __android_log_print(ANDROID_LOG_ERROR, log_tag,
+                                "%s: allow.%s is not a list of the right kind: nothing allowed",
+                                path.c_str(), key);
+            s.uids = {static_cast<uid_t>(-1)};
+        }
+    };
+    s.uids.clear();
+    list("uids", [&](const Json::Value& e) {
+        bool ok = e.isUInt() && e.asUInt() != static_cast<uid_t>(-1);
+        if (ok)
+            s.uids.push_back(e.asUInt());
+        return ok;
+    });
+    if (allow.isMember("uids") && s.uids.empty())
+        s.uids = {static_cast<uid_t>(-1)};  // an empty list allows no uid
+    for (auto [key, out] : {std::pair<const char*, std::vector<std::string>*>{"exes", &s.exes},
+                            {"cgroups", &s.cgroups}}) {
+        list(key, [&](const Json::Value& e) {
+            bool ok = e.isString() && e.asString().rfind('/', 0) == 0;
+            if (ok)
+                out->push_back(e.asString());
+            return ok;
+        });
+        if (allow.isMember(key) && out->empty())
+            out->push_back("\n");  // matches no path
+    }
+}
+
 // probe.conf in the folder the configuration loads the plug-in from, else
 // the system one: a JSON object with any of "deadline-ms", "idle-ms",
-// "max-idle-walkers" and "walker". A key that is missing or out of range
-// keeps its default.
+// "max-idle-walkers", "max-walks", "walker" and "allow". A key that is
+// missing or out of range keeps its default.
 settings load_settings() {
     settings s;
     std::string named, real;
@@ -92,8 +152,10 @@ settings load_settings() {
         number("deadline-ms", 10, 600000, s.deadline_ms);
         number("idle-ms", 0, 3600000, s.idle_ms);
         number("max-idle-walkers", 0, 1000, s.max_idle);
+        number("max-walks", 1, 5, s.max_walks);
         if (v["walker"].isString())
             s.walker = v["walker"].asString();
+        load_allow(v["allow"], path, s);
         break;
     }
     if (s.walker.empty()) {
@@ -201,40 +263,18 @@ int exchange(walker_proc& p, const walker_request& req, steady::time_point deadl
         static_cast<ssize_t>(sizeof req)) {
         return -EPIPE;
     }
-    auto receive = [&](void* buf, size_t n) {
-        auto* at = static_cast<uint8_t*>(buf);
-        while (n > 0) {
-            auto left = std::chrono::duration_cast<milliseconds>(deadline - steady::now()).count();
-            pollfd pf{p.fd, POLLIN, 0};
-            int ready = left > 0 ? poll(&pf, 1, static_cast<int>(left) + 1) : 0;
-            if (ready < 0 && errno == EINTR)
-                continue;
-            if (ready == 0)
-                return -ETIME;
-            ssize_t r = recv(p.fd, at, n, MSG_DONTWAIT);
-            if (r < 0 && (errno == EINTR || errno == EAGAIN))
-                continue;
-            if (r <= 0)
-                return -EIO;
-            at += r;
-            n -= static_cast<size_t>(r);
-        }
-        return 0;
-    };
-    int rc = receive(&rep, sizeof rep);
-    if (rc == 0 && (rep.len > walker_max_text || (rep.status != 0 && rep.len != 0)))
-        rc = -EIO;
-    if (rc == 0) {
-        text.resize(rep.len);
-        rc = receive(&text[0], rep.len);
-    }
-    return rc;
+    return walker_read_reply(p.fd, deadline, rep, text);
 }
 
 // --- the pool: one walker per target, one request per target at a time ---------
 
 struct slot {
     bool busy = false;
+    walker_request req{};  // the walk in progress
+    uint64_t walks = 0;    // walks ended
+    int waiters = 0;       // requests waiting to share the walk's answer
+    int rc = 0;            // the last walk's answer, kept while some wait
+    std::shared_ptr<const std::string> text;
     walker_proc idle;  // pid -1: none kept
     steady::time_point last;
 };
@@ -263,7 +303,8 @@ void janitor() {
                     expired.push_back(s.idle);
                     s.idle = walker_proc{};
                 }
-                it = !s.busy && s.idle.pid < 0 ? pool.erase(it) : std::next(it);
+                bool unused = !s.busy && s.idle.pid < 0 && s.waiters == 0;
+                it = unused ? pool.erase(it) : std::next(it);
             }
         }
         for (walker_proc& p : expired) kill_walker(p);
@@ -288,30 +329,52 @@ void janitor() {
     }
 }
 
-// Takes the turn for target, waiting at most until deadline: walks of one
-// process take turns (a thread accepts one tracer), and a wedged walk
-// makes the others fail at their own deadlines instead of queueing.
-bool take_turn(pid_t target, steady::time_point deadline, walker_proc& idle) {
+enum { turn_ours = 0, turn_shared = 1 };
+
+// Takes the turn for target (a thread accepts one tracer), never waiting
+// for it: turn_ours with target's idle walker, if any. When the same walk is
+// already running, waits at most until deadline for its answer
+// (turn_shared, with rc and text), else -ETIME; when another walk of
+// target runs, -EBUSY at once.
+int take_turn(pid_t target, const walker_request& req, steady::time_point deadline,
+              walker_proc& idle, int& rc, std::shared_ptr<const std::string>& text) {
     static std::once_flag started;
     std::call_once(started, [] { std::thread(janitor).detach(); });
     std::unique_lock<std::mutex> hold(pool_lock);
-    if (!pool_changed.wait_until(hold, deadline, [&] { return !pool[target].busy; }))
-        return false;
-    slot& s = pool[target];
-    s.busy = true;
-    idle = s.idle;
-    s.idle = walker_proc{};
-    return true;
+    slot& s = pool[target];  // stays in place: a slot with waiters is not erased
+    if (!s.busy) {
+        s.busy = true;
+        s.req = req;
+        idle = s.idle;
+        s.idle = walker_proc{};
+        return turn_ours;
+    }
+    if (s.req.op != req.op || s.req.tid != req.tid)
+        return -EBUSY;
+    uint64_t seen = s.walks;
+    s.waiters++;
+    bool ended = pool_changed.wait_until(hold, deadline, [&] { return s.walks != seen; });
+    if (ended) {
+        rc = s.rc;
+        text = s.text;
+    }
+    if (--s.waiters == 0)
+        s.text.reset();  // the last to share it: the slot keeps no reply text
+    return ended ? turn_shared : -ETIME;
 }
 
-// Ends the turn, keeping p (when it has a pid) as target's idle walker. The
-// least recently used idle walkers beyond max-idle-walkers are ended.
-void end_turn(pid_t target, walker_proc p) {
+// Ends the turn, keeping p (when it has a pid) as target's idle walker and
+// the walk's answer for the requests that wait for it. The least recently
+// used idle walkers beyond max-idle-walkers are ended.
+void end_turn(pid_t target, walker_proc p, int rc, const std::string& text) {
     std::vector<walker_proc> evicted;
     {
         std::lock_guard<std::mutex> hold(pool_lock);
         slot& s = pool[target];
         s.busy = false;
+        s.walks++;
+        s.rc = rc;
+        s.text = s.waiters > 0 ? std::make_shared<const std::string>(text) : nullptr;
         s.idle = p;
         s.last = steady::now();
         for (;;) {
@@ -343,11 +406,29 @@ int start_walker(pid_t target, walker_proc& p) {
         spare_wanted = true;
     }
     pool_changed.notify_all();  // the janitor starts the next spare
-    walker_request bind{walker_bind, target};
+    walker_request bind{walker_bind, target, 0};
     if (p.pid > 0 && send(p.fd, &bind, sizeof bind, MSG_NOSIGNAL | MSG_DONTWAIT) == sizeof bind)
         return 0;
     kill_walker(p);
     return spawn_walker(target, p);
+}
+
+// Workers inside walks now, shared walks included: at most max-walks, so
+// that the daemon's other commands always find a worker.
+std::atomic<int> walking{0};
+
+struct walk_admission {
+    bool in = walking.fetch_add(1) < config().max_walks;
+    ~walk_admission() { walking.fetch_sub(1); }
+};
+
+// Milliseconds since the daemon received c's request (by its receive stamp).
+long request_age_ms(comm_data* c) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    const timeval& got = c->recv_data->time;
+    long ms = (now.tv_sec - got.tv_sec) * 1000L + (now.tv_usec - got.tv_usec) / 1000;
+    return std::max(ms, 0L);  // a clock set back
 }
 
 // One walk of the request's target; the reply text in text.
@@ -356,12 +437,28 @@ int walk(comm_data* c, walker_op op, std::string& text) {
     int rc = probe_target(c, args);
     if (rc != 0)
         return rc;
-
-    auto deadline = steady::now() + milliseconds(config().deadline_ms);
+    walk_admission admitted;
+    if (!admitted.in)
+        return -EBUSY;
+    // The deadline runs from the request's arrival: a request older than
+    // that has a client that has given up, and is not walked.
+    long left_ms = config().deadline_ms - request_age_ms(c);
+    if (left_ms <= 0)
+        return -ECANCELED;
+    auto deadline = steady::now() + milliseconds(left_ms);
+    // A thread that does not stop within half the time left is reported in
+    // its place, so that the other threads' stacks still come back.
+    walker_request req{op, args.tid, static_cast<int32_t>(std::clamp(left_ms / 2, 1L, 1000L))};
     walker_proc p;
-    if (!take_turn(args.pid, deadline, p))
-        return -ETIME;
-    walker_request req{op, args.tid};
+    std::shared_ptr<const std::string> shared;
+    int shared_rc = 0;
+    rc = take_turn(args.pid, req, deadline, p, shared_rc, shared);
+    if (rc == turn_shared) {
+        text = shared != nullptr ? *shared : std::string();
+        return shared_rc;
+    }
+    if (rc != turn_ours)
+        return rc;
     walker_reply rep{};
     bool fresh = p.pid < 0;
     for (;;) {
@@ -387,21 +484,70 @@ int walk(comm_data* c, walker_op op, std::string& text) {
         __android_log_print(ANDROID_LOG_ERROR, log_tag, "walker of pid %d ended during the walk",
                             args.pid);
     }
-    // A walker is kept only after a clean answer about a live process.
-    if (rc != 0 || rep.status == -ESRCH)
+    // A walker is kept only after a clean answer about a live process, and
+    // when it is not ending.
+    if (rc != 0 || rep.status == -ESRCH || rep.ending != 0)
         kill_walker(p);
-    end_turn(args.pid, p);
-    return rc != 0 ? rc : rep.status;
+    rc = rc != 0 ? rc : rep.status;
+    end_turn(args.pid, p, rc, text);
+    return rc;
+}
+
+// A path equal to rule, or below it: rule is a folder, or ends with '/'.
+bool path_matches(const std::string& path, const std::vector<std::string>& rules) {
+    for (const std::string& r : rules) {
+        if (path.compare(0, r.size(), r) == 0 &&
+            (path.size() == r.size() || r.back() == '/' || path[r.size()] == '/'))
+            return true;
+    }
+    return false;
 }
 
 }  // namespace
+
+int probe_allowed(pid_t pid) {
+    const settings& s = config();
+    std::string proc = "/proc/" + std::to_string(pid), text;
+    if (!s.uids.empty()) {
+        // Real, effective, saved and file-system uid: all must be allowed, so
+        // that a set-user-id program run by an allowed user is not.
+        probe_read_file(proc + "/status", text);
+        size_t at = text.find("\nUid:");
+        unsigned long id[4];
+        if (at == std::string::npos ||
+            sscanf(text.c_str() + at + 5, "%lu %lu %lu %lu", &id[0], &id[1], &id[2], &id[3]) != 4)
+            return -EPROTONOSUPPORT;
+        for (unsigned long u : id) {
+            if (std::find(s.uids.begin(), s.uids.end(), static_cast<uid_t>(u)) == s.uids.end())
+                return -EPROTONOSUPPORT;
+        }
+    }
+    if (!s.exes.empty()) {
+        char buf[PATH_MAX];
+        ssize_t n = readlink((proc + "/exe").c_str(), buf, sizeof buf - 1);
+        if (n <= 0 || !path_matches(std::string(buf, static_cast<size_t>(n)), s.exes))
+            return -EPROTONOSUPPORT;
+    }
+    if (!s.cgroups.empty()) {
+        // The unified hierarchy's line: "0::/path".
+        probe_read_file(proc + "/cgroup", text);
+        size_t at = text.rfind("0::/", 0) == 0 ? 0 : text.find("\n0::/");
+        if (at == std::string::npos)
+            return -EPROTONOSUPPORT;
+        at = text.find('/', at);
+        size_t end = text.find('\n', at);
+        if (!path_matches(text.substr(at, end == std::string::npos ? end : end - at), s.cgroups))
+            return -EPROTONOSUPPORT;
+    }
+    return 0;
+}
 
 // One "Thread TID (name):" line per thread, then its frames from the
 // innermost: "#N  0xPC in function+0xOFF (module)".
 PROBE_EXPORT int probe_stack(comm_data* c) {
     std::string text;
     int rc = walk(c, walker_stack, text);
-    return rc != 0 ? rc : probe_reply(c, text.data(), text.size());
+    return probe_status(rc != 0 ? rc : probe_reply(c, text.data(), text.size()));
 }
 
 // One line per thread: tid, name, microseconds stopped, and the frames
@@ -409,5 +555,5 @@ PROBE_EXPORT int probe_stack(comm_data* c) {
 PROBE_EXPORT int probe_sample(comm_data* c) {
     std::string text;
     int rc = walk(c, walker_sample, text);
-    return rc != 0 ? rc : probe_reply(c, text.data(), text.size());
+    return probe_status(rc != 0 ? rc : probe_reply(c, text.data(), text.size()));
 }

@@ -19,14 +19,19 @@
 #include <elfutils/libdwfl.h>
 #include <fcntl.h>
 #include <libelf.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <sys/uio.h>
 #include <sys/user.h>
 #include <sys/wait.h>
+#include <grp.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -44,16 +49,28 @@
 
 namespace {
 
-// A walk past this many frames is a corrupt or endless chain.
-constexpr size_t max_frames = 256;
+// A walk past walker_max_frames frames is a corrupt or endless chain, or a
+// deep recursion: it is cut, and the reply says so.
+constexpr size_t max_frames = walker_max_frames;
+
+int find_module_elf(Dwfl_Module* mod, void** userdata, const char* name, Dwarf_Addr base,
+                    char** file_name, Elf** elfp);
 
 char* debuginfo_path = nullptr;
-const Dwfl_Callbacks proc_callbacks = {dwfl_linux_proc_find_elf, dwfl_standard_find_debuginfo,
-                                       nullptr, &debuginfo_path};
+const Dwfl_Callbacks proc_callbacks = {find_module_elf, dwfl_standard_find_debuginfo, nullptr,
+                                       &debuginfo_path};
 
 struct frame {
     Dwarf_Addr pc;
     bool activation;
+};
+
+// One line of /proc/PID/maps that maps a file.
+struct mapping {
+    uint64_t start = 0, end = 0;
+    unsigned major = 0, minor = 0;
+    uint64_t inode = 0;
+    std::string path;
 };
 
 // Stack memory read while a thread is stopped, a page at a time: an unwind
@@ -69,8 +86,16 @@ struct page_cache {
 
 struct walker {
     pid_t pid = 0;
+    // A live thread whose /proc entry stands for the process: the leader,
+    // or another thread once the leader has exited (its maps are empty).
+    pid_t view = 0;
     Dwfl* dwfl = nullptr;
     std::string maps;  // the text the modules were reported from
+    std::vector<mapping> files;  // its lines that map files
+    // A thread was seized but did not stop in time: it cannot be let go
+    // before it stops, so this walker ends after its reply (its exit
+    // detaches the thread).
+    bool stuck = false;
     // Frame names for samples and "function+offset (module)" for stacks, by
     // frame_key: symbol lookup and demangling cost more than the unwind.
     std::unordered_map<uint64_t, std::string> names, places;
@@ -93,7 +118,7 @@ bool fill_page(walker& w, uint64_t base, uint8_t* out) {
     if (!w.peek) {
         iovec local{out, page_cache::page};
         iovec remote{reinterpret_cast<void*>(base), page_cache::page};
-        ssize_t n = process_vm_readv(w.pid, &local, 1, &remote, 1, 0);
+        ssize_t n = process_vm_readv(w.view, &local, 1, &remote, 1, 0);
         if (n == static_cast<ssize_t>(page_cache::page))
             return true;
         if (n >= 0 || (errno != ENOSYS && errno != EPERM))
@@ -239,9 +264,38 @@ void reap_pending(walker& w) {
     w.unreaped.swap(left);
 }
 
-// Stops tid for the walk. 0 with *signal the signal to hand back on detach,
-// or a negated errno (-ESRCH: the thread is gone).
-int stop_thread(walker& w, pid_t tid, int* signal) {
+int64_t now_us() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// Waits for a state change of tid for at most stop_ms. SIGCHLD, which a
+// tracee's stop sends us, is blocked from the start, so none is missed
+// between the poll and the wait. -EAGAIN when the time passed.
+int wait_thread(pid_t tid, int stop_ms, int& st) {
+    int64_t until = now_us() + int64_t{stop_ms} * 1000;
+    sigset_t chld;
+    sigemptyset(&chld);
+    sigaddset(&chld, SIGCHLD);
+    for (;;) {
+        pid_t r = waitpid(tid, &st, __WALL | WNOHANG);
+        if (r == tid)
+            return 0;
+        if (r < 0 && errno != EINTR)
+            return -errno;
+        int64_t left = until - now_us();
+        if (left <= 0)
+            return -EAGAIN;
+        timespec ts{static_cast<time_t>(left / 1000000), static_cast<long>(left % 1000000) * 1000};
+        sigtimedwait(&chld, nullptr, &ts);
+    }
+}
+
+// Stops tid for the walk, waiting at most stop_ms. 0 with *signal the
+// signal to hand back on detach, or a negated errno (-ESRCH: the thread is
+// gone; -EAGAIN: it did not stop in time and stays seized, w.stuck).
+int stop_thread(walker& w, pid_t tid, int stop_ms, int* signal) {
     *signal = 0;
     if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0)
         return -errno;
@@ -255,11 +309,11 @@ int stop_thread(walker& w, pid_t tid, int* signal) {
     }
     for (;;) {
         int st = 0;
-        pid_t r = waitpid(tid, &st, __WALL);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r < 0)
-            return -errno;
+        int rc = wait_thread(tid, stop_ms, st);
+        if (rc == -EAGAIN)
+            w.stuck = true;
+        if (rc != 0)
+            return rc;
         if (WIFEXITED(st) || WIFSIGNALED(st))
             return -ESRCH;  // collected: nothing held
         if (!WIFSTOPPED(st))
@@ -277,32 +331,27 @@ void resume_thread(walker& w, pid_t tid, int signal) {
         reap_later(w, tid);
 }
 
-int64_t now_us() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
 int collect_frame(Dwfl_Frame* state, void* arg) {
     auto& frames = *static_cast<std::vector<frame>*>(arg);
     frame f;
     if (!dwfl_frame_pc(state, &f.pc, &f.activation))
         return DWARF_CB_ABORT;
     frames.push_back(f);
-    return frames.size() < max_frames ? DWARF_CB_OK : DWARF_CB_ABORT;
+    // One frame more than is kept tells a cut stack from one just as deep.
+    return frames.size() <= max_frames ? DWARF_CB_OK : DWARF_CB_ABORT;
 }
 
-// The frames of one thread, innermost first, and how long it was held
-// (microseconds). 0, or a negated errno with no frames; why says what
-// ended a walk that found none.
-int walk_thread(walker& w, pid_t tid, std::vector<frame>& frames, int64_t& held_us,
-                std::string& why) {
+// The frames of one thread, innermost first, at most max_frames (cut when
+// there were more), and how long it was held (microseconds). 0, or a
+// negated errno with no frames; why says what ended a walk that found none.
+int walk_thread(walker& w, pid_t tid, int stop_ms, std::vector<frame>& frames, bool& cut,
+                int64_t& held_us, std::string& why) {
     frames.clear();
     int64_t start = now_us();
     int signal = 0;
-    int rc = stop_thread(w, tid, &signal);
+    int rc = stop_thread(w, tid, stop_ms, &signal);
     if (rc != 0) {
-        why = strerror(-rc);
+        why = rc == -EAGAIN ? "not stopped in time" : strerror(-rc);
         return rc;
     }
     w.tid = tid;
@@ -313,6 +362,9 @@ int walk_thread(walker& w, pid_t tid, std::vector<frame>& frames, int64_t& held_
         why = dwfl_errmsg(-1);
     }
     resume_thread(w, tid, signal);
+    cut = frames.size() > max_frames;
+    if (cut)
+        frames.resize(max_frames);
     held_us = now_us() - start;
     if (rc != 0)
         why = strerror(-rc);
@@ -332,25 +384,116 @@ Elf* own_elf() {
     return elf;
 }
 
+char thread_state(pid_t pid, pid_t tid);
+
+bool live(char state) {
+    return state != 0 && state != 'Z' && state != 'X';
+}
+
+// The leader while it runs, else the first live thread: a process whose
+// main thread called pthread_exit() keeps its mappings, files and memory,
+// but its leader's /proc entry shows none of them.
+pid_t live_view(pid_t pid) {
+    if (live(thread_state(pid, pid)))
+        return pid;
+    for (pid_t tid : probe_list_tasks(pid)) {
+        if (live(thread_state(pid, tid)))
+            return tid;
+    }
+    return pid;
+}
+
+std::vector<mapping> file_mappings(const std::string& maps) {
+    std::vector<mapping> out;
+    size_t at = 0;
+    while (at < maps.size()) {
+        size_t end = maps.find('\n', at);
+        if (end == std::string::npos)
+            end = maps.size();
+        std::string line = maps.substr(at, end - at);
+        at = end + 1;
+        mapping m;
+        unsigned long long start, stop, inode;
+        int path_at = 0;
+        if (sscanf(line.c_str(), "%llx-%llx %*s %*x %x:%x %llu %n", &start, &stop, &m.major,
+                   &m.minor, &inode, &path_at) < 5 ||
+            inode == 0 || path_at <= 0 || line[static_cast<size_t>(path_at)] != '/') {
+            continue;
+        }
+        m.start = start, m.end = stop, m.inode = inode;
+        m.path = line.substr(static_cast<size_t>(path_at));
+        out.push_back(std::move(m));
+    }
+    return out;
+}
+
+// Opens the file the target maps at m, never a file found by its path text
+// in our own mount namespace: through /proc/VIEW/map_files/ (which takes
+// CAP_CHECKPOINT_RESTORE or CAP_SYS_ADMIN), else by the path in the
+// target's own root, taken only when it is the very inode mapped, so that
+// a file the target swapped in at that path is not parsed.
+int open_mapped(const walker& w, const mapping& m, std::string& path) {
+    char buf[96];
+    snprintf(buf, sizeof buf, "/proc/%d/map_files/%" PRIx64 "-%" PRIx64, w.view, m.start, m.end);
+    path = buf;
+    int fd = open(buf, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0)
+        return fd;
+    path = "/proc/" + std::to_string(w.view) + "/root" + m.path;
+    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_ino != m.inode ||
+                    major(st.st_dev) != m.major || minor(st.st_dev) != m.minor)) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
+walker* the_walker = nullptr;  // the one walker of this process, for libdw's callback
+
+// libdw's file lookup for a reported module: the file the target maps
+// there; the vDSO and other memory-only modules as libdw reads them.
+int find_module_elf(Dwfl_Module* mod, void** userdata, const char* name, Dwarf_Addr base,
+                    char** file_name, Elf** elfp) {
+    if (name == nullptr || name[0] != '/')
+        return dwfl_linux_proc_find_elf(mod, userdata, name, base, file_name, elfp);
+    Dwarf_Addr low = 0, high = 0;
+    dwfl_module_info(mod, nullptr, &low, &high, nullptr, nullptr, nullptr, nullptr);
+    for (const mapping& m : the_walker->files) {
+        if (m.path != name || m.start < low || m.start >= high)
+            continue;
+        std::string path;
+        int fd = open_mapped(*the_walker, m, path);
+        if (fd >= 0)
+            *file_name = strdup(path.c_str());
+        return fd;
+    }
+    return -1;
+}
+
 // Reports the process's modules when its mappings changed (and on first
-// use). 0 or a negated errno.
+// use). 0 or a negated errno: -EACCES when the maps are not readable.
 int refresh_modules(walker& w) {
     std::string maps;
+    w.view = live_view(w.pid);
     // Up to 64 MiB: a process with many mappings (a JIT, a large C++
     // program) has maps far beyond a status file's size.
-    if (probe_read_file("/proc/" + std::to_string(w.pid) + "/maps", maps, 16384) != 0 ||
-        maps.empty()) {
+    int rc = probe_read_file("/proc/" + std::to_string(w.view) + "/maps", maps, 16384);
+    if (rc == -EACCES || rc == -EPERM)
+        return -EACCES;
+    if (rc != 0 || maps.empty())
         return -ESRCH;
-    }
     if (w.dwfl != nullptr && maps == w.maps)
         return 0;
+    w.files = file_mappings(maps);
     if (w.dwfl == nullptr && (w.dwfl = dwfl_begin(&proc_callbacks)) == nullptr)
         return -ENOMEM;
     FILE* f = fmemopen(&maps[0], maps.size(), "r");
     if (f == nullptr)
         return -ENOMEM;
     dwfl_report_begin(w.dwfl);
-    int rc = dwfl_linux_proc_maps_report(w.dwfl, f);
+    rc = dwfl_linux_proc_maps_report(w.dwfl, f);
     fclose(f);
     if (dwfl_report_end(w.dwfl, nullptr, nullptr) != 0 || rc != 0) {
         return -EINVAL;
@@ -443,12 +586,15 @@ void note(counts& n, int rc, size_t frames) {
         n.vanished++;
 }
 
-void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, const std::string& why,
-                 text_out& out) {
+void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut,
+                 const std::string& why, text_out& out) {
     if (!out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str()))
         return;
     if (frames.empty()) {
-        out.printf("    (no frames: %s)", why.c_str());
+        if (why.rfind("not stopped", 0) == 0)
+            out.printf("    (%s)", why.c_str());
+        else
+            out.printf("    (no frames: %s)", why.c_str());
         return;
     }
     int n = 0;
@@ -465,12 +611,18 @@ void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, const s
         if (!out.printf("#%-2d 0x%016" PRIx64 " in %s", n++, f.pc, it->second.c_str()))
             return;
     }
+    if (cut)
+        out.line(walker_cut_line);
 }
 
-void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, int64_t held_us,
-                  text_out& out) {
+void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut,
+                  int64_t held_us, text_out& out) {
     std::string line = std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) + "\t" +
                        std::to_string(held_us) + "\t";
+    // The outermost frame kept is not the stack's root: a profile must not
+    // count the stack under it.
+    if (cut)
+        line += walker_cut_root ";";
     for (size_t i = frames.size(); i-- > 0;) {
         line += folded_name(w, frames[i]);
         if (i > 0)
@@ -479,7 +631,6 @@ void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, int64_
     out.line(line);
 }
 
-// True when pid is gone or becomes a zombie within a few milliseconds.
 // The state letter of a thread (or of the process, for tid == pid) from
 // its stat file; 0 when it is gone.
 char thread_state(pid_t pid, pid_t tid) {
@@ -491,12 +642,47 @@ char thread_state(pid_t pid, pid_t tid) {
     return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
 }
 
+// True when pid is gone or becomes a zombie within a few milliseconds.
 bool ending(pid_t pid) {
     for (int i = 0; i < 20; i++) {
         char state = thread_state(pid, pid);
         if (state == 0 || state == 'Z' || state == 'X')
             return true;
         usleep(1000);
+    }
+    return false;
+}
+
+// True when another tracer (a debugger) holds the process.
+bool traced_by_other(pid_t pid) {
+    std::string status;
+    probe_read_file("/proc/" + std::to_string(pid) + "/status", status);
+    size_t at = status.find("\nTracerPid:");
+    return at != std::string::npos && atol(status.c_str() + at + 11) != 0;
+}
+
+// A thread not worth seizing: in an uninterruptible sleep it may never
+// stop (and ptrace cannot let go of a thread that has not stopped), and an
+// exited leader never stops. Its line stands in its place; true when so.
+bool skip_thread(walker& w, const walker_request& req, pid_t tid, counts& n, text_out& out) {
+    char state = thread_state(w.pid, tid);
+    if (state == 'D') {
+        n.walked++;
+        if (req.op == walker_sample) {
+            out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
+                     "\t0\t[uninterruptible]");
+        } else {
+            out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str());
+            out.line("    (not stopped: D state)");
+        }
+        return true;
+    }
+    if (!live(state) && tid == w.pid && w.view != w.pid) {
+        if (req.op == walker_stack) {
+            out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str());
+            out.line("    (no frames: the thread has exited)");
+        }
+        return true;
     }
     return false;
 }
@@ -514,21 +700,23 @@ int handle(walker& w, const walker_request& req, text_out& out) {
     for (pid_t tid : tids) {
         int64_t held_us = 0;
         std::string why;
-        // A sample does not wait for a thread in an uninterruptible sleep,
-        // which may never stop: it is counted as such, and the other
-        // threads are sampled on.
-        if (req.op == walker_sample && thread_state(w.pid, tid) == 'D') {
-            n.walked++;
-            out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
-                     "\t0\t[uninterruptible]");
+        bool cut = false;
+        if (skip_thread(w, req, tid, n, out))
             continue;
-        }
-        rc = walk_thread(w, tid, frames, held_us, why);
+        rc = walk_thread(w, tid, req.stop_ms, frames, cut, held_us, why);
         note(n, rc, frames.size());
+        if (rc == -EAGAIN) {
+            n.walked++;
+            char state = thread_state(w.pid, tid);
+            why = std::string("not stopped: ") + (state != 0 ? state : '?') + " state";
+        }
         if (req.op == walker_stack) {
-            print_stack(w, tid, frames, why, out);
+            print_stack(w, tid, frames, cut, why, out);
         } else if (rc == 0) {
-            print_sample(w, tid, frames, held_us, out);
+            print_sample(w, tid, frames, cut, held_us, out);
+        } else if (rc == -EAGAIN) {
+            out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
+                     "\t0\t[not stopped]");
         }
         if (out.truncated)
             break;
@@ -536,7 +724,7 @@ int handle(walker& w, const walker_request& req, text_out& out) {
     // Threads on their way out refuse ptrace as well: a process that is
     // ending is gone, not refused.
     if (n.walked == 0 && n.refused > 0)
-        return ending(w.pid) ? -ESRCH : -EPERM;
+        return ending(w.pid) ? -ESRCH : traced_by_other(w.pid) ? -EALREADY : -EPERM;
     if (n.walked == 0 && n.vanished == static_cast<int>(tids.size()))
         return -ESRCH;
     return 0;
@@ -558,15 +746,55 @@ bool move_all(Io io, uint8_t* p, size_t n) {
     return true;
 }
 
-bool read_all(int fd, void* buf, size_t n) {
-    return move_all([fd](uint8_t* p, size_t k) { return read(fd, p, k); },
-                    static_cast<uint8_t*>(buf), n);
-}
-
 bool write_all(int fd, const void* buf, size_t n) {
     // send only reads from p: the cast serves the shared loop.
     return move_all([fd](uint8_t* p, size_t k) { return send(fd, p, k, MSG_NOSIGNAL); },
                     const_cast<uint8_t*>(static_cast<const uint8_t*>(buf)), n);
+}
+
+// An unprivileged identity for a walker started by root ("nobody"): root's
+// own files, which root may write without any capability, stay out of
+// reach of a walker that libdw's parsing went wrong in.
+constexpr uid_t unprivileged_id = 65534;
+
+// Keeps only the capabilities a walk uses: ptrace, reading the target's
+// files whoever owns them, and opening them through map_files. What libdw
+// parses can then no longer use any other privilege the daemon had, nor
+// gain one through an exec. Run as root, the walker also leaves uid 0.
+void drop_privileges() {
+    uint64_t keep = 1ull << CAP_SYS_PTRACE | 1ull << CAP_DAC_READ_SEARCH;
+#ifdef CAP_CHECKPOINT_RESTORE
+    keep |= 1ull << CAP_CHECKPOINT_RESTORE;
+#endif
+    // The bounding set first: dropping from it takes CAP_SETPCAP, which
+    // goes with the rest below.
+    for (int cap = 0; cap < 64; cap++) {
+        if ((keep >> cap & 1) == 0)
+            prctl(PR_CAPBSET_DROP, cap, 0, 0, 0);
+    }
+    prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
+    if (geteuid() == 0) {
+        // The permitted set survives the change of uid; the effective one
+        // is restored from it below.
+        prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0);
+        if (setgroups(0, nullptr) != 0 ||
+            setresgid(unprivileged_id, unprivileged_id, unprivileged_id) != 0 ||
+            setresuid(unprivileged_id, unprivileged_id, unprivileged_id) != 0) {
+            fprintf(stderr, "vireo-walker: cannot leave uid 0: %s\n", strerror(errno));
+        }
+    }
+    __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    if (syscall(SYS_capget, &head, data) == 0) {
+        for (int i = 0; i < 2; i++) {
+            uint32_t mask = static_cast<uint32_t>(keep >> (32 * i));
+            data[i].permitted &= mask;
+            data[i].effective = data[i].permitted;
+            data[i].inheritable = 0;
+        }
+        syscall(SYS_capset, &head, data);
+    }
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
 }
 
 }  // namespace
@@ -585,8 +813,19 @@ int main(int argc, char** argv) {
     if (getppid() != parent)
         return 0;
     signal(SIGPIPE, SIG_IGN);
+    // Stops of traced threads are awaited with sigtimedwait (wait_thread).
+    sigset_t chld;
+    sigemptyset(&chld);
+    sigaddset(&chld, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &chld, nullptr);
+    drop_privileges();
+    // A change of uid clears the parent-death signal: set it again.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent)
+        return 0;
 
     static walker w;  // the page cache is large for a stack
+    the_walker = &w;
     w.pid = static_cast<pid_t>(pid);
     std::vector<uint8_t> text(walker_max_text);
     for (;;) {
@@ -597,19 +836,21 @@ int main(int argc, char** argv) {
             continue;
         }
         walker_request req;
-        if (!read_all(walker_fd, &req, sizeof req))
+        int got = walker_read_request(walker_fd, req);
+        if (got < 0)
             return 0;  // the plug-in closed
-        if (req.op == walker_bind && w.pid == 0 && req.tid > 0) {
+        if (req.op == walker_bind && w.pid == 0 && got == 1) {
             w.pid = req.tid;
             continue;
         }
         text_out out(text.data(), static_cast<int>(text.size()));
         walker_reply rep{};
-        bool known = w.pid > 0 && (req.op == walker_stack || req.op == walker_sample);
+        bool known = w.pid > 0 && req.op != walker_bind && got == 1;
         rep.status = known ? handle(w, req, out) : -EINVAL;
         rep.len = rep.status == 0 ? static_cast<uint32_t>(out.finish()) : 0;
+        rep.ending = w.stuck ? 1 : 0;
         if (!write_all(walker_fd, &rep, sizeof rep) ||
-            !write_all(walker_fd, text.data(), rep.len)) {
+            !write_all(walker_fd, text.data(), rep.len) || w.stuck) {
             return 0;
         }
     }

@@ -4,7 +4,9 @@
 // travel in host byte order.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <string>
 
 // The walker's end of the socket.
 constexpr int walker_fd = 3;
@@ -25,12 +27,50 @@ enum walker_op : uint32_t {
     walker_bind = 3,
 };
 
-struct walker_request {
-    uint32_t op;
-    int32_t tid;  // 0: every thread of the walker's process
-};
-
 struct walker_reply {
     int32_t status;  // 0, or a negated errno value (then len is 0)
     uint32_t len;    // text bytes that follow
+    // 1: the walker ends after this reply, for it holds a thread that did
+    // not stop and that only its exit lets go; 0 otherwise.
+    uint32_t ending;
 };
+
+struct walker_request {
+    uint32_t op;
+    int32_t tid;  // 0: every thread of the walker's process
+    // Milliseconds a thread may take to stop before it is reported as not
+    // stopped and the walk goes on with the next one (at least 1).
+    int32_t stop_ms;
+};
+
+// A walk deeper than this many frames is cut: the text reply ends the
+// thread's frames with walker_cut_line, a folded stack starts with
+// walker_cut_root.
+constexpr unsigned walker_max_frames = 256;
+#define walker_cut_line "    ... (cut at 256 frames)"
+#define walker_cut_root "[cut]"
+
+// A request the walker serves: a known op, a thread id that is not negative
+// and, but for walker_bind, a stop time of 1 ms to 10 minutes.
+inline bool walker_request_valid(const walker_request& r) {
+    if (r.op == walker_bind)
+        return r.tid > 0;
+    return (r.op == walker_stack || r.op == walker_sample) && r.tid >= 0 && r.stop_ms >= 1 &&
+           r.stop_ms <= 600000;
+}
+
+// A reply header the plug-in accepts: a status of 0 with up to
+// walker_max_text bytes of text, or a negative status without text.
+inline bool walker_reply_valid(const walker_reply& r) {
+    return (r.status == 0 ? r.len <= walker_max_text : r.status < 0 && r.len == 0) && r.ending <= 1;
+}
+
+// The plug-in's end: one reply header and its text from fd by deadline. 0
+// with rep and text; -ETIME when the deadline passed; -EIO at end of file,
+// on an error, or for a header walker_reply_valid refuses.
+int walker_read_reply(int fd, std::chrono::steady_clock::time_point deadline, walker_reply& rep,
+                      std::string& text);
+
+// The walker's end: the next request from fd, blocking. 1 for a request
+// walker_request_valid accepts, 0 for another, -1 when the plug-in closed.
+int walker_read_request(int fd, walker_request& req);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "wire/probe_codes.h"  // the probe plug-in's status codes
+
 namespace {
 
 std::string hex(uint32_t v) {
@@ -146,13 +148,15 @@ std::string status_text(int32_t code) {
             return "operation not permitted by this key";
         case -24:
             return "too many open files in the daemon's file cache";
-        // The probe plug-in's own meanings of two errno values.
-        case -62:
-            return "deadline passed: the target did not stop in time";
-        case -5:
-            return "input/output error: the stack walker died";
         default:
             break;
+    }
+    // The probe plug-in's codes: -5000 minus an errno value.
+    if (probe_code_p(code)) {
+        const char* text = probe_code_text(code);
+        if (text != nullptr)
+            return text;
+        code -= probe_code_base;
     }
     // Plug-ins answer a negated errno.
     if (code < 0 && code > -4096) {

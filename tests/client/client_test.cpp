@@ -102,6 +102,8 @@ TEST(client_fake_server, validates_hand_made_replies) {
         {{{-22, 25, {0, 0}, 0}}, 3, "", "shorter than the 26 bytes that a status of -22 takes"},
         {{{-3, 45, {0, 0}, 0}}, 1, "", "error -3 (No such process)"},
         {{{-5000, 12, {0, 0}, 0}}, 1, "", "error -5000 (unknown error)"},
+        {{{-5003, 12, {0, 0}, 0}}, 1, "", "error -5003 (probe: no such process or thread)"},
+        {{{-5012, 12, {0, 0}, 0}}, 1, "", "error -5012 (Cannot allocate memory)"},
         {{{0, 11, {0, 0}, 0}}, 3, "", "reply of 11 bytes is shorter than the 12-byte header prefix"},
         {{{0, 48, {0, 0}, 1}}, 3, "", "answers command 0x11 sub-command 0x2, not the request's 0x10 0x2"},
         {{{8200, 8240, {2, 1}, 0}, {8200, 8240, {2, 2}, 0}}, 0, string(8200, 'x'), ""},

@@ -7,8 +7,10 @@
 //          failed (an interrupted call a probe should have restarted).
 //   "hot": writes "ready\n" and spins in vireo_helper_hot forever.
 //   "exit US": three threads, then the process exits after US microseconds.
-//   "vfork": the parent blocks in vfork (uninterruptible) while the child
-//          writes "ready\n" and pauses.
+//   "vfork": three threads as above, then the main thread blocks in vfork
+//          (uninterruptible) while the child writes "ready\n" and pauses.
+//   "leader-exit": three threads as above, then writes "ready\n" and ends
+//          its main thread with pthread_exit().
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -39,16 +41,17 @@ int main(int argc, char** argv) {
     int threads = mode == "threads" && argc > 2 ? atoi(argv[2]) : 4;
     long depth = argc > 3 ? atol(argv[3]) : 0;
     if (mode == "hot") write(1, "ready\n", 6), vireo_helper_hot();
-    if (mode == "vfork" && vfork() == 0) {
-        syscall(SYS_write, 1, "ready\n", 6);
-        for (;;) syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);  // pause(), which arm64 lacks as a call
-    }
-    if (mode == "vfork") _exit(0);
     for (int i = 0; i < threads - 1; i++) {
         pthread_t t;
         pthread_create(&t, nullptr, vireo_helper_deep, reinterpret_cast<void*>(depth));
         pthread_setname_np(t, ("vh-worker-" + std::to_string(i)).c_str());
     }
+    if (mode == "vfork" && vfork() == 0) {
+        syscall(SYS_write, 1, "ready\n", 6);
+        for (;;) syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);  // pause(), which arm64 lacks as a call
+    }
+    if (mode == "vfork") _exit(0);
+    if (mode == "leader-exit") write(1, "ready\n", 6), pthread_exit(nullptr);
     if (mode == "exit") usleep(static_cast<useconds_t>(atol(argv[2]))), exit(0);
     int rc = vireo_helper_outer();
     write(1, rc == 0 ? "alive\n" : "broken\n", rc == 0 ? 6 : 7);

@@ -1,16 +1,24 @@
 // The probe plug-in served by the real daemon, against helper processes
 // whose function and thread names are known. Replies are read with the
 // client library, which reassembles multi-packet replies.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/ptrace.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <sstream>
 #include <thread>
 
+#include "wire/probe_codes.h"
+#include "../../plugins/probe/walker_proto.h"
 #include "test_util.h"
 #include "vireo_client.h"
 
@@ -18,17 +26,22 @@ namespace {
 using std::string;
 enum { THREADS = 1, STACK = 2, KSTACK = 3, SAMPLE = 4 };
 const char no_ptrace[] = "ptrace refused here (sandbox or emulator)";
+const uint32_t SYSTEM = 0x10, PROBE = 0x30;
 
 std::vector<uint8_t> args(uint32_t pid, uint32_t tid) { auto p = pid_payload(pid), t = pid_payload(tid); p.insert(p.end(), t.begin(), t.end()); return p; }
 size_t count(const string& text, const string& what) { size_t n = 0; for (size_t i = text.find(what); i != string::npos; i = text.find(what, i + 1)) n++; return n; }
+// The thread ids of pid, or with what "children", its children's pids.
+string d_listing(pid_t pid, const string& what = "") { string out, base = "/proc/" + std::to_string(pid) + "/task/"; if (DIR* dir = opendir(base.c_str())) { while (dirent* e = readdir(dir)) if (e->d_name[0] != '.') out += (what.empty() ? string(e->d_name) : read_text_file(base + e->d_name + "/" + what)) + " "; closedir(dir); } return out; }
 bool traced(pid_t pid) { string status = read_text_file("/proc/" + std::to_string(pid) + "/status"); return !status.empty() && status.find("TracerPid:\t0\n") == string::npos; }
 
 // A helper in a process group of its own, stdin and stdout one socket of ours;
-// the group is killed by id at the end.
+// the group is killed by id at the end. With own_ns, it runs in a mount
+// namespace of its own from ns_exe, where the helper is mounted over the
+// file that ns_exe names outside.
 struct helper_process {
     pid_t pid = -1;
     int fd = -1;
-    explicit helper_process(std::vector<string> argv = {}) {
+    explicit helper_process(std::vector<string> argv = {}, const string& ns_exe = "") {
         int sv[2];
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
         argv.insert(argv.begin(), VIREO_PROBE_HELPER);
@@ -39,7 +52,8 @@ struct helper_process {
             setpgid(0, 0);
             dup2(sv[1], 0);
             dup2(sv[1], 1);
-            execv(VIREO_PROBE_HELPER, cargv.data());
+            if (!ns_exe.empty() && (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 || mount(VIREO_PROBE_HELPER, ns_exe.c_str(), nullptr, MS_BIND, nullptr) != 0)) _exit(126);
+            execv(ns_exe.empty() ? VIREO_PROBE_HELPER : ns_exe.c_str(), cargv.data());
             _exit(127);
         }
         setpgid(pid, pid);
@@ -54,7 +68,8 @@ struct helper_process {
 };
 
 // The daemon serving the four probe commands as group 0x30 from a link to the
-// plug-in in a folder of its own, beside a probe.conf with these settings.
+// plug-in in a folder of its own, beside a probe.conf with these settings, and
+// /proc/loadavg as command 0x10 1.
 struct probe_daemon {
     temp_dir dir;
     int port = free_port();
@@ -67,22 +82,23 @@ struct probe_daemon {
         for (const char* fn : {"probe_threads", "probe_stack", "probe_kstack", "probe_sample"})
             cmds += string(cmds.empty() ? "" : ",") + R"({"name": ")" + fn + R"(", "id": ")" + std::to_string(count(cmds, "{") + 1) + R"(", "type": "custom", "lib": ")" + lib + R"(", "symbols": ")" + fn + R"("})";
         string sub = dir.write("probe.json", R"({"cmd-list": [)" + cmds + "]}");
-        daemon.reset(new daemon_process({"-c", dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [{"class": "probe", "code": "0x30", "config": ")" + sub + R"("}]})")}));
+        string sys = dir.write("sys.json", R"({"cmd-list": [{"name": "loadavg", "id": "1", "type": "file", "file": "/proc/loadavg"}]})");
+        daemon.reset(new daemon_process({"-c", dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [{"class": "probe", "code": "0x30", "config": ")" + sub + R"("}, {"class": "system", "code": "0x10", "config": ")" + sys + R"("}]})")}));
         EXPECT_TRUE(daemon->wait_ready(ep)) << daemon->stderr_text();
     }
-    client_reply ask(int sub, const std::vector<uint8_t>& payload, int timeout_ms = 60000) {
+    client_reply ask(int sub, const std::vector<uint8_t>& payload, int timeout_ms = 60000, uint32_t code = PROBE) {
         client_conn conn(ep, timeout_ms);
         client_reply r;
         string why;
-        EXPECT_EQ(conn.request(0x30, sub, payload, r, why), 0) << why;
+        EXPECT_EQ(conn.request(code, sub, payload, r, why), 0) << why;
         return r;
     }
     int32_t code(int sub, const std::vector<uint8_t>& payload, int timeout_ms = 60000) { return ask(sub, payload, timeout_ms).header().msg_len; }
 };
 
 // Listing: one tab-separated line per thread (tid, name, state, user and
-// system time), the main thread first. Bad payloads give -22, a missing
-// process or thread -3, on every command. The main thread's stack shows the
+// system time), the main thread first. Bad payloads, a missing process or
+// thread give the probe's own codes on every command, never the daemon's. The main thread's stack shows the
 // helper's calls innermost first; every thread is walked; many walks and
 // samples from two clients at once leave the helper untraced and running: its
 // blocked read still completes.
@@ -102,16 +118,17 @@ TEST(probe, threads_errors_and_stacks) {
     for (int i = 0; i < 200 && summary(listing = d.ask(THREADS, pid_payload(helper.pid)).payload) != want; i++) usleep(20000);
     ASSERT_EQ(summary(listing), want) << listing;
     EXPECT_EQ(d.ask(THREADS, args(helper.pid, helper.pid)).payload, listing.substr(0, listing.find('\n') + 1));
-    EXPECT_TRUE(d.code(KSTACK, pid_payload(helper.pid)) >= -1);  // readable or refused, never another code
+    int32_t kstack = d.code(KSTACK, pid_payload(helper.pid));
+    EXPECT_TRUE(kstack >= 0 || kstack == probe_refused) << kstack;  // readable or refused, never another code
     uint32_t worker = std::stoi(listing.substr(listing.find('\n') + 1));
     struct { const char* name; std::vector<uint8_t> payload; int32_t code; } cases[] = {
-        {"two bytes", {1, 0}, -22}, {"pid 0", args(0, 0), -22}, {"no such pid", pid_payload(0x7ffffff0), -3},
-        {"a thread id is no pid", pid_payload(worker), -3}, {"tid of another process", args(helper.pid, getpid()), -3}};
+        {"two bytes", {1, 0}, probe_bad_request}, {"pid 0", args(0, 0), probe_bad_request}, {"no such pid", pid_payload(0x7ffffff0), probe_no_process},
+        {"a thread id is no pid", pid_payload(worker), probe_no_process}, {"tid of another process", args(helper.pid, getpid()), probe_no_process}};
     for (int sub : {THREADS, STACK, KSTACK, SAMPLE})
         for (const auto& c : cases) EXPECT_EQ(d.code(sub, c.payload), c.code) << "command " << sub << ": " << c.name;
 
     client_reply r = d.ask(STACK, args(helper.pid, helper.pid));
-    if (r.header().msg_len == -1) GTEST_SKIP() << no_ptrace;
+    if (r.header().msg_len == probe_refused) GTEST_SKIP() << no_ptrace;
     EXPECT_EQ(r.payload.rfind("Thread " + std::to_string(helper.pid) + " (", 0), 0u) << r.payload;
     size_t at = 0;
     for (const char* fn : {"vireo_helper_inner+0x", "vireo_helper_middle+0x", "vireo_helper_outer+0x", " main+0x", "probe_helper"})
@@ -119,9 +136,9 @@ TEST(probe, threads_errors_and_stacks) {
     string every = d.ask(STACK, args(helper.pid, 0)).payload;
     EXPECT_TRUE(count(every, "Thread ") == 4 && count(every, " in vireo_helper_deep+0x") == 3) << every;
     string bad[2];
-    auto walk = [&](int k) {
+    auto walk = [&](int k) {  // a walk while the other kind runs is answered busy
         for (int i = 0; i < 10; i++)
-            if (string p = d.ask(i % 2 ? SAMPLE : STACK, pid_payload(helper.pid)).payload; p.find("vireo_helper_inner") == string::npos) bad[k] = p;
+            if (client_reply w = d.ask(i % 2 ? SAMPLE : STACK, pid_payload(helper.pid)); w.header().msg_len != probe_busy && w.payload.find("vireo_helper_inner") == string::npos) bad[k] = std::to_string(w.header().msg_len) + w.payload;
     };
     std::thread a(walk, 0), b(walk, 1);
     a.join(), b.join();
@@ -134,10 +151,10 @@ TEST(probe, threads_errors_and_stacks) {
 // Targets that exit while they are walked: every walk is answered, and no
 // target stays traced or becomes a zombie its parent cannot reap.
 TEST(probe, targets_exiting_during_walks) {
-    probe_daemon d(R"({"deadline-ms": 4000})");
+    probe_daemon d(R"({"deadline-ms": 4000, "max-walks": 4})");
     helper_process first;
     ASSERT_EQ(first.read_line(), "ready");
-    if (d.code(STACK, pid_payload(first.pid)) == -1) GTEST_SKIP() << no_ptrace;
+    if (d.code(STACK, pid_payload(first.pid)) == probe_refused) GTEST_SKIP() << no_ptrace;
     std::vector<std::thread> clients;  // four at once: walks of different targets run side by side
     for (int k = 0; k < 4; k++)
         clients.emplace_back([&, k] {
@@ -145,7 +162,7 @@ TEST(probe, targets_exiting_during_walks) {
                 helper_process h({"exit", std::to_string(i % 7 * 700)});
                 int32_t code = d.code(i % 2 ? SAMPLE : STACK, pid_payload(h.pid));
                 // A walk cut by its deadline on a loaded machine must leave no trace either.
-                ASSERT_TRUE(code >= 0 || code == -3 || code == -62) << "walk " << i << ": " << code;
+                ASSERT_TRUE(code >= 0 || code == probe_no_process || code == probe_deadline) << "walk " << i << ": " << code;
                 ASSERT_FALSE(traced(h.pid)) << "walk " << i;
                 ASSERT_TRUE(h.reaped(5000)) << "walk " << i;
             }
@@ -154,33 +171,141 @@ TEST(probe, targets_exiting_during_walks) {
     EXPECT_TRUE(d.daemon->running());
 }
 
-// A target stuck in an uninterruptible wait (a vfork parent) costs each walk
-// its deadline, answered -62, and is sampled as "[uninterruptible]" at once;
-// then all five workers answer at once again and the target is not left
-// traced.
-TEST(probe, wedged_target_meets_the_deadline) {
-    probe_daemon d(R"({"deadline-ms": 300})");
+// A target with one thread stuck in an uninterruptible wait (a vfork parent)
+// and three that run, walked by 15 clients at once: each walk is answered at
+// once with every thread, the stuck one reported in its place, or answered
+// busy; a file command from another client is answered meanwhile; samples
+// skip the stuck thread; the target is not left traced.
+TEST(probe, wedged_target_holds_no_worker) {
+    probe_daemon d(R"({"deadline-ms": 10000})");
     helper_process h({"vfork"});
     ASSERT_EQ(h.read_line(), "ready");
-    auto five = [&](int sub, pid_t pid) {
-        std::vector<int32_t> codes(5);
-        std::vector<std::thread> t;
-        for (int i = 0; i < 5; i++) t.emplace_back([&, i] { codes[i] = d.code(sub, pid_payload(pid), 2500); });
-        for (auto& x : t) x.join();
-        return codes;
-    };
-    std::vector<int32_t> codes = five(STACK, h.pid);
-    if (codes[0] == -1) GTEST_SKIP() << no_ptrace;
-    EXPECT_EQ(codes, std::vector<int32_t>(5, -62));
-    EXPECT_NE(d.ask(SAMPLE, pid_payload(h.pid)).payload.find("\t[uninterruptible]\n"), string::npos);  // samples skip it
-    for (int32_t c : five(THREADS, getpid())) EXPECT_GT(c, 0);
+    if (d.code(STACK, pid_payload(h.pid)) == probe_refused) GTEST_SKIP() << no_ptrace;
+    std::atomic<int> stacks{0}, busy{0}, loads{0};
+    std::vector<string> bad(15);
+    std::vector<std::thread> t;
+    for (int i = 0; i < 15; i++)
+        t.emplace_back([&, i] {
+            for (int k = 0; k < 5; k++) {
+                client_reply r = d.ask(STACK, pid_payload(h.pid), 30000);
+                bool whole = count(r.payload, "Thread ") == 4 && count(r.payload, "    (not stopped: D state)\n") == 1 && count(r.payload, " in vireo_helper_deep+0x") == 3;
+                r.header().msg_len == probe_busy ? busy++ : whole ? stacks++ : (bad[i] = std::to_string(r.header().msg_len) + r.payload, 0);
+            }
+        });
+    for (int i = 0; i < 10; i++) loads += d.ask(1, {}, 5000, SYSTEM).payload.find('/') != string::npos;
+    for (auto& x : t) x.join();
+    EXPECT_EQ(loads, 10);
+    EXPECT_EQ(stacks + busy, 75) << testing::PrintToString(bad);
+    EXPECT_GT(stacks, 0);
+    EXPECT_NE(d.ask(SAMPLE, pid_payload(h.pid)).payload.find("\t[uninterruptible]\n"), string::npos);
     EXPECT_FALSE(traced(h.pid));
 }
 
-// A walker that dies costs its request -5, and the daemon answers on.
+// Walks hold at most max-walks workers: with walkers that never answer, two
+// of four walks of different processes wait out their deadline, the other
+// two are answered busy at once, and file commands are answered. (A request
+// the daemon queues to a worker inside a walk waits for that walk.)
+TEST(probe, walks_hold_at_most_max_walks_workers) {
+    temp_dir bin;
+    string silent = bin.write("walker", "#!/bin/sh\nexec cat <&3 >/dev/null\n");
+    ASSERT_EQ(chmod(silent.c_str(), 0755), 0);
+    probe_daemon d(R"({"deadline-ms": 3000, "max-walks": 2, "walker": ")" + silent + R"("})");
+    helper_process h[3];
+    for (auto& x : h) ASSERT_EQ(x.read_line(), "ready");
+    pid_t targets[] = {h[0].pid, h[1].pid, h[2].pid, getpid()};
+    std::vector<int32_t> codes(4);
+    std::vector<std::thread> t;
+    for (int i = 0; i < 4; i++) t.emplace_back([&, i] { codes[i] = d.code(STACK, pid_payload(targets[i]), 10000); });
+    int loads = 0;
+    for (int i = 0; i < 3; i++) loads += d.ask(1, {}, 10000, SYSTEM).payload.find('/') != string::npos;
+    for (auto& x : t) x.join();
+    EXPECT_EQ(loads, 3);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), probe_deadline), 2) << testing::PrintToString(codes);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), probe_busy), 2) << testing::PrintToString(codes);
+}
+
+// Awkward targets, each a helper, a command and what its reply holds: a
+// leader that exited is walked through a live thread, a cut stack says so
+// in both forms, a process in its own mount namespace is named from its own
+// files, not from the file its maps path shows here.
+TEST(probe, awkward_targets) {
+    probe_daemon d("{}");
+    temp_dir dir;
+    string ns_exe = dir.write("exe", "#!/bin/sh\nnot the helper\n");
+    struct { const char* name; std::vector<string> argv; string ns_exe; int sub; std::vector<string> want; } rows[] = {
+        {"leader exited", {"leader-exit"}, "", STACK, {"(no frames: the thread has exited)", " in vireo_helper_deep+0x"}},
+        {"cut stack", {"threads", "2", "20000"}, "", STACK, {"\n#255 0x", " in vireo_helper_deep+0x", "\n" walker_cut_line "\n"}},
+        {"cut folded stack", {"threads", "2", "20000"}, "", SAMPLE, {"\t" walker_cut_root ";vireo_helper_deep;"}},
+        {"own mount namespace", {}, ns_exe, STACK, {" in vireo_helper_inner+0x", "(" + ns_exe + ")\n"}}};
+    for (const auto& row : rows) {
+        helper_process h(row.argv, row.ns_exe);
+        string ready = h.read_line();
+        if (!row.ns_exe.empty() && ready.empty()) { std::cerr << "skipped " << row.name << ": no mount namespace of its own here (unshare refused)\n"; continue; }
+        ASSERT_EQ(ready, "ready") << row.name;
+        client_reply r;
+        auto holds = [&] { for (const string& w : row.want) if (r.payload.find(w) == string::npos) return false; return true; };
+        for (int i = 0; i < 100 && (r = d.ask(row.sub, pid_payload(h.pid)), !holds()); i++) usleep(20000);
+        if (r.header().msg_len == probe_refused) GTEST_SKIP() << no_ptrace;
+        EXPECT_TRUE(holds()) << row.name << ": " << r.header().msg_len << "\n" << r.payload;
+    }
+    // Its walkers hold no capability but ptrace, reading and map_files, can gain none, and leave root.
+    int walkers = 0;
+    std::istringstream kids(d_listing(d.daemon->pid(), "children"));
+    for (string kid; kids >> kid; walkers++) {
+        string status = "\n" + read_text_file("/proc/" + kid + "/status");
+        auto field = [&](const string& f) { size_t at = status.find("\n" + f + ":\t"); return at == string::npos ? ~0ull : std::stoull(status.substr(at + f.size() + 3), nullptr, 16); };
+        const unsigned long long kept = 1ull << 19 | 1ull << 2 | 1ull << 40;  // CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_CHECKPOINT_RESTORE
+        EXPECT_TRUE(status.find("\nName:\tvireo-walker\n") != string::npos && ((field("CapEff") | field("CapBnd")) & ~kept) == 0 && field("CapAmb") == 0 && field("NoNewPrivs") == 1 && (getuid() != 0 || status.find("\nUid:\t65534\t65534\t65534\t65534\n") != string::npos)) << status;
+    }
+    EXPECT_GT(walkers, 0);
+}
+
+// Codes that name the probe's own refusals: a process traced by a debugger, a
+// process that probe.conf does not allow (by uid, executable or cgroup).
+TEST(probe, refusals_have_codes_of_their_own) {
+    helper_process h;
+    ASSERT_EQ(h.read_line(), "ready");
+    struct { string conf; pid_t pid; int32_t code; } rows[] = {
+        {R"({"allow": {"uids": [)" + std::to_string(getuid()) + R"(], "exes": [")" VIREO_PROBE_HELPER R"("]}})", h.pid, 0},
+        {R"({"allow": {"exes": [")" VIREO_PROBE_HELPER R"("]}})", getpid(), probe_not_allowed},
+        {R"({"allow": {"uids": [)" + std::to_string(getuid() + 1) + "]}}", h.pid, probe_not_allowed},
+        {R"({"allow": {"cgroups": ["/vireo-no-such-group"]}})", h.pid, probe_not_allowed}};
+    for (const auto& row : rows) {
+        probe_daemon d(row.conf);
+        for (int sub : {THREADS, STACK}) {
+            int32_t code = d.code(sub, pid_payload(row.pid));
+            if (code == probe_refused) GTEST_SKIP() << no_ptrace;
+            EXPECT_EQ(std::min(code, 0), row.code) << row.conf << " command " << sub;
+        }
+    }
+    // A debugger holding every thread: a tracer of our own, in a child.
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t tracer = fork();
+    if (tracer == 0) {
+        bool all = true;
+        std::istringstream tids(d_listing(h.pid));
+        for (int tid; tids >> tid;) all = all && ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) == 0;
+        write(ready[1], all ? "y" : "n", 1);
+        pause();
+        _exit(0);
+    }
+    char got = 0;
+    EXPECT_EQ(read(ready[0], &got, 1), 1);
+    probe_daemon d("{}");
+    int32_t code = d.code(STACK, pid_payload(h.pid));
+    kill(tracer, SIGKILL);
+    waitpid(tracer, nullptr, 0);
+    close(ready[0]), close(ready[1]);
+    if (got != 'y') GTEST_SKIP() << no_ptrace;
+    EXPECT_EQ(code, probe_traced);
+}
+
+// A walker that dies costs its request probe_walker_failed, and the daemon
+// answers on.
 TEST(probe, dead_walker_costs_one_request) {
     probe_daemon d(R"({"walker": "/bin/false"})");
-    EXPECT_EQ(d.code(STACK, pid_payload(getpid())), -5);
+    EXPECT_EQ(d.code(STACK, pid_payload(getpid())), probe_walker_failed);
     EXPECT_GT(d.code(THREADS, pid_payload(getpid())), 0);
 }
 
@@ -193,7 +318,7 @@ TEST(probe, large_replies_come_in_packets) {
         ASSERT_EQ(h.read_line(), "ready");
         for (int i = 0; i < 500 && count(d.ask(THREADS, pid_payload(h.pid)).payload, "\tS\t") < 200; i++) usleep(10000);
         client_reply r = d.ask(STACK, pid_payload(h.pid), 120000);
-        if (r.header().msg_len == -1) GTEST_SKIP() << no_ptrace;
+        if (r.header().msg_len == probe_refused) GTEST_SKIP() << no_ptrace;
         ASSERT_EQ(r.parts, (r.payload.size() + 8191) / 8192);
         EXPECT_EQ(r.payload.find("... truncated\n") == string::npos, depth == 4);
         EXPECT_EQ(depth == 4 ? count(r.payload, " in vireo_helper_deep+0x") : r.parts, depth == 4 ? 199u * 5 : 128u);

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "client_cli.h"
+#include "wire/probe_codes.h"
 
 namespace {
 
@@ -216,7 +217,7 @@ int take_sample(client_conn& conn, const profile_options& o, const std::vector<u
     if (r.header().msg_len < 0) {
         s.errors++;
         s.last_error = r.header().msg_len;
-        if (s.last_error == -3)
+        if (s.last_error == probe_no_process)
             return client_exit::ok;  // the process is gone: nothing more to sample
     }
     return -1;
