@@ -13,6 +13,7 @@
 #include <ostream>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 // One frame as it travels on the wire: the host's memory image on a
 // little-endian 64-bit system, no field converted. A frame is always sent as
@@ -109,6 +110,18 @@ public:
     static int read_file(const std::string& path, uint8_t* buf, int len, bool cached,
                          bool read_all = false);
 
+    // A file longer than one reply, for a "read-all" command that answers
+    // the whole file. The first len - 1 bytes are read as read_file with
+    // read_all reads them; when the file ends there, the result is read_file's
+    // (count in buf, zero byte after it) and whole is left empty. A regular
+    // file that fills them is read on from offset 0 into whole until it ends
+    // or whole holds limit bytes (so limit means "or longer"); the result is
+    // then whole.size(), above len - 1. The descriptor is held (its flock,
+    // for a cached one) for the whole read, so the bytes are one reading of
+    // the file.
+    static int read_file_whole(const std::string& path, uint8_t* buf, int len, bool cached,
+                               std::vector<uint8_t>& whole, size_t limit);
+
     // Returns the cached descriptor of path, opening and caching it if
     // needed; -2 when it cannot be opened, -24 when the map is full.
     static int open_and_cache(const std::string& path);
@@ -118,6 +131,20 @@ public:
 
     static std::unordered_map<std::string, std::shared_ptr<fd_cache>> file_fds_cache;
     static std::mutex fds_lock;
+
+private:
+    // A descriptor taken for one read: a cached entry, locked, or one opened
+    // for this read only (entry null).
+    struct held_fd {
+        int fd = -1;
+        std::shared_ptr<fd_cache> entry;
+        std::unique_lock<std::mutex> entry_lock;
+    };
+    // The cached descriptor of path, seeked to 0, or a new one (cached when
+    // asked and there is room). 0, or -2 (logged) when path cannot be opened.
+    static int hold(const std::string& path, bool cached, held_fd& h);
+    // Unlocks a cached descriptor, closes an uncached one.
+    static void release(held_fd& h);
 };
 
 // Writes val, given in unit "BKMGT"[off], scaled by 1024 to one decimal, e.g.
