@@ -13,7 +13,6 @@
 #include <ostream>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 // One frame as it travels on the wire: the host's memory image on a
 // little-endian 64-bit system, no field converted. A frame is always sent as
@@ -113,14 +112,14 @@ public:
     // A file longer than one reply, for a "read-all" command that answers
     // the whole file. The first len - 1 bytes are read as read_file with
     // read_all reads them; when the file ends there, the result is read_file's
-    // (count in buf, zero byte after it) and whole is left empty. A regular
-    // file that fills them is read on from offset 0 into whole until it ends
-    // or whole holds limit bytes (so limit means "or longer"); the result is
-    // then whole.size(), above len - 1. The descriptor is held (its flock,
-    // for a cached one) for the whole read, so the bytes are one reading of
-    // the file.
+    // (the count, in buf, a zero byte after it). A regular file that fills
+    // them is read on into whole (limit bytes, limit > len - 1), its content
+    // from offset 0, until it ends or whole is full (so a result of limit
+    // means "or longer"); the result is then that count, above len - 1. The
+    // descriptor is held (its flock, for a cached one) for the whole read,
+    // so the bytes are one reading of the file.
     static int read_file_whole(const std::string& path, uint8_t* buf, int len, bool cached,
-                               std::vector<uint8_t>& whole, size_t limit);
+                               uint8_t* whole, size_t limit);
 
     // Returns the cached descriptor of path, opening and caching it if
     // needed; -2 when it cannot be opened, -24 when the map is full.

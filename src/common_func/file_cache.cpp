@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "common_func.h"
 
@@ -43,26 +44,6 @@ ssize_t read_to_end(int fd, uint8_t* buf, size_t want) {
     return regular_file(fd) ? read_loop(fd, buf, want) : read(fd, buf, want);
 }
 
-// Reads on after the bytes already in whole until the file ends or whole
-// holds limit bytes. The buffer doubles as it fills, so a file of a few
-// pages costs a few pages, not limit.
-void read_rest(int fd, std::vector<uint8_t>& whole, size_t limit) {
-    size_t got = whole.size();
-    while (got < limit) {
-        if (got == whole.size()) {
-            whole.resize(std::min(limit, std::max<size_t>(got * 2, 4096)));
-        }
-        ssize_t n = read_loop(fd, whole.data() + got, whole.size() - got);
-        if (n <= 0) {
-            break;
-        }
-        got += static_cast<size_t>(n);
-        if (got < whole.size()) {
-            break;  // read_loop stopped short: the file ended (or failed)
-        }
-    }
-    whole.resize(got);
-}
 }  // namespace
 
 int file_cache::hold(const std::string& path, bool cached, held_fd& h) {
@@ -120,8 +101,7 @@ int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool c
 }
 
 int file_cache::read_file_whole(const std::string& path, uint8_t* buf, int len, bool cached,
-                                std::vector<uint8_t>& whole, size_t limit) {
-    whole.clear();
+                                uint8_t* whole, size_t limit) {
     if (len < 1) {
         errno = EINVAL;
         return -1;
@@ -133,16 +113,17 @@ int file_cache::read_file_whole(const std::string& path, uint8_t* buf, int len, 
     const size_t first = static_cast<size_t>(len) - 1;
     const bool regular = regular_file(h.fd);
     ssize_t count = regular ? read_loop(h.fd, buf, first) : read(h.fd, buf, first);
+    size_t total = 0;
     // Only a full first share can have more behind it.
     if (regular && count == static_cast<ssize_t>(first) && limit > first) {
-        whole.assign(buf, buf + first);
-        read_rest(h.fd, whole, limit);
+        memcpy(whole, buf, first);
+        ssize_t more = read_loop(h.fd, whole + first, limit - first);
+        total = first + static_cast<size_t>(std::max<ssize_t>(more, 0));
     }
     release(h);
-    if (whole.size() > first) {
-        return static_cast<int>(whole.size());
+    if (total > first) {
+        return static_cast<int>(total);
     }
-    std::vector<uint8_t>().swap(whole);
     if (count > 0) {
         buf[count] = 0;
     }

@@ -2,12 +2,13 @@
 
 #include <android/log.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <systemd/sd-daemon.h>
 #include <zmq.h>
 
+#include <cerrno>
 #include <cstring>
 #include <iostream>
-#include <vector>
 
 #include "wire/reply.h"
 
@@ -50,36 +51,55 @@ constexpr size_t max_whole_file = 1 << 20;
 const char truncated_line[] = "... truncated\n";
 constexpr size_t truncated_len = sizeof truncated_line - 1;
 
+// Room for a whole file: anonymous pages, of which only those the file fills
+// become resident, and which all go back to the system when the request is
+// answered (a freed malloc block this large may stay with the worker's arena).
+class file_pages {
+public:
+    explicit file_pages(size_t size) : size(size) {
+        void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        data = p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
+    }
+    ~file_pages() {
+        if (data != nullptr) {
+            munmap(data, size);
+        }
+    }
+    file_pages(const file_pages&) = delete;
+    file_pages& operator=(const file_pages&) = delete;
+
+    uint8_t* data;
+    size_t size;
+};
+
 // Answers a "read-all" command: the whole file, as one multi-packet reply
 // when it is longer than one packet. A file that ends within the first
 // max_send_len - 1 bytes answers as one read-all read always has. Past
 // max_whole_file the reply is the whole lines that leave room for the
 // truncation line, then that line.
-//
-// The buffer of a long file lives only for this request and grows with the
-// file: a worker holds up to 1 MiB while it answers one, nothing afterwards.
 int reply_whole_file(comm_data* c, const std::string& path, bool cached) {
-    std::vector<uint8_t> whole;
-    int n = file_cache::read_file_whole(path, c->send_data->msg, c->max_send_len, cached, whole,
-                                        max_whole_file + 1);
-    if (n < 0 || whole.empty()) {
+    file_pages whole(max_whole_file + 1);
+    if (whole.data == nullptr) {
+        return -ENOMEM;
+    }
+    int n = file_cache::read_file_whole(path, c->send_data->msg, c->max_send_len, cached,
+                                        whole.data, whole.size);
+    if (n < c->max_send_len) {
         return n;
     }
-    size_t len = whole.size();
+    size_t len = static_cast<size_t>(n);
     if (len > max_whole_file) {
-        const size_t room = max_whole_file - truncated_len;
         len = 0;
-        for (size_t i = room; i > 0; i--) {
-            if (whole[i - 1] == '\n') {
+        for (size_t i = max_whole_file - truncated_len; i > 0; i--) {
+            if (whole.data[i - 1] == '\n') {
                 len = i;
                 break;
             }
         }
-        whole.resize(len);
-        whole.insert(whole.end(), truncated_line, truncated_line + truncated_len);
-        len = whole.size();
+        memcpy(whole.data + len, truncated_line, truncated_len);
+        len += truncated_len;
     }
-    return send_reply(c, whole.data(), len);
+    return send_reply(c, whole.data, len);
 }
 }  // namespace
 
