@@ -1,12 +1,13 @@
 // The command table through the real daemon and the real describe plug-in,
 // for a client without the board's files: the same commands as a local
 // reading of them gives for --list.
+#include "remote_table.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <climits>
 
-#include "remote_table.h"
 #include "test_util.h"
 
 namespace {
@@ -23,9 +24,15 @@ TEST(remote_table, what_the_board_serves) {
         {"name": "again", "id": "01", "type": "file", "file": "/dev/null"},
         {"name": "odd", "id": "3", "type": "pipe", "file": "/dev/null"},
         {"name": "tab	name", "id": "a", "type": "custom", "lib": "absent.so", "symbols": "f"}]})");
-    dir.write("b.json", R"({"cmd-list": [{"name": "shadowed", "id": "1", "type": "file", "file": "/dev/null"}]})");
-    dir.write("board.json", R"({"cmd-list": [{"name": "commands", "id": "1", "type": "custom", "lib": ")" VIREO_DESCRIBE_SO R"(", "symbols": "describe_commands"}]})");
-    dir.write("main.json", R"({"mode": "m", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [
+    dir.write(
+        "b.json",
+        R"({"cmd-list": [{"name": "shadowed", "id": "1", "type": "file", "file": "/dev/null"}]})");
+    dir.write(
+        "board.json",
+        R"({"cmd-list": [{"name": "commands", "id": "1", "type": "custom", "lib": ")" VIREO_DESCRIBE_SO
+        R"(", "symbols": "describe_commands"}]})");
+    dir.write("main.json", R"({"mode": "m", "server_ip": "127.0.0.1", "port": )" +
+                               std::to_string(port) + R"(, "sub-configs": [
         {"class": "sys", "code": "10", "config": "a.json"}, {"class": "dup", "code": "0x10", "config": "b.json"},
         {"class": "board", "code": "DE5C", "config": "board.json", "disable": true}]})");
     char here[PATH_MAX];
