@@ -85,6 +85,23 @@ public:
     explicit fd_cache(int fd);
 };
 
+// Anonymous memory for one long read, mapped on first use: only the pages
+// written become resident, and all go back to the system on destruction (a
+// freed malloc block of a megabyte may stay with the thread's arena).
+class page_buffer {
+public:
+    page_buffer() = default;
+    ~page_buffer();
+    page_buffer(const page_buffer&) = delete;
+    page_buffer& operator=(const page_buffer&) = delete;
+
+    // Maps bytes bytes unless mapped already; data, or null on failure.
+    uint8_t* map(size_t bytes);
+
+    uint8_t* data = nullptr;
+    size_t size = 0;
+};
+
 // Descriptors of monitored files, kept open so that a polled file costs one
 // seek and one read. Thread-safe: fds_lock guards the map and is always taken
 // before an entry's flock. Entries are never evicted or re-opened: a cached
@@ -112,14 +129,15 @@ public:
     // A file longer than one reply, for a "read-all" command that answers
     // the whole file. The first len - 1 bytes are read as read_file with
     // read_all reads them; when the file ends there, the result is read_file's
-    // (the count, in buf, a zero byte after it). A regular file that fills
-    // them is read on into whole (limit bytes, limit > len - 1), its content
-    // from offset 0, until it ends or whole is full (so a result of limit
-    // means "or longer"); the result is then that count, above len - 1. The
-    // descriptor is held (its flock, for a cached one) for the whole read,
-    // so the bytes are one reading of the file.
+    // (the count, in buf, a zero byte after it) and whole stays unmapped. A
+    // regular file that fills them is read on into whole, mapped with limit
+    // bytes (limit > len - 1), its content from offset 0, until it ends or
+    // whole is full (so a result of limit means "or longer"); the result is
+    // then that count, above len - 1, or -12 (ENOMEM) when whole could not
+    // be mapped. The descriptor is held (its flock, for a cached one) for the
+    // whole read, so the bytes are one reading of the file.
     static int read_file_whole(const std::string& path, uint8_t* buf, int len, bool cached,
-                               uint8_t* whole, size_t limit);
+                               page_buffer& whole, size_t limit);
 
     // Returns the cached descriptor of path, opening and caching it if
     // needed; -2 when it cannot be opened, -24 when the map is full.

@@ -1,6 +1,7 @@
 #include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,6 +46,23 @@ ssize_t read_to_end(int fd, uint8_t* buf, size_t want) {
 }
 
 }  // namespace
+
+page_buffer::~page_buffer() {
+    if (data != nullptr) {
+        munmap(data, size);
+    }
+}
+
+uint8_t* page_buffer::map(size_t bytes) {
+    if (data == nullptr) {
+        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p != MAP_FAILED) {
+            data = static_cast<uint8_t*>(p);
+            size = bytes;
+        }
+    }
+    return data;
+}
 
 int file_cache::hold(const std::string& path, bool cached, held_fd& h) {
     std::lock_guard<std::mutex> map_lock(fds_lock);
@@ -101,7 +119,7 @@ int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool c
 }
 
 int file_cache::read_file_whole(const std::string& path, uint8_t* buf, int len, bool cached,
-                                uint8_t* whole, size_t limit) {
+                                page_buffer& whole, size_t limit) {
     if (len < 1) {
         errno = EINVAL;
         return -1;
@@ -115,12 +133,16 @@ int file_cache::read_file_whole(const std::string& path, uint8_t* buf, int len, 
     ssize_t count = regular ? read_loop(h.fd, buf, first) : read(h.fd, buf, first);
     size_t total = 0;
     // Only a full first share can have more behind it.
-    if (regular && count == static_cast<ssize_t>(first) && limit > first) {
-        memcpy(whole, buf, first);
-        ssize_t more = read_loop(h.fd, whole + first, limit - first);
-        total = first + static_cast<size_t>(std::max<ssize_t>(more, 0));
+    const bool more = regular && count == static_cast<ssize_t>(first) && limit > first;
+    if (more && whole.map(limit) != nullptr) {
+        memcpy(whole.data, buf, first);
+        ssize_t n = read_loop(h.fd, whole.data + first, limit - first);
+        total = first + static_cast<size_t>(std::max<ssize_t>(n, 0));
     }
     release(h);
+    if (more && whole.data == nullptr) {
+        return -ENOMEM;
+    }
     if (total > first) {
         return static_cast<int>(total);
     }

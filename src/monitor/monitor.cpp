@@ -2,11 +2,9 @@
 
 #include <android/log.h>
 #include <pthread.h>
-#include <sys/mman.h>
 #include <systemd/sd-daemon.h>
 #include <zmq.h>
 
-#include <cerrno>
 #include <cstring>
 #include <iostream>
 
@@ -51,39 +49,15 @@ constexpr size_t max_whole_file = 1 << 20;
 const char truncated_line[] = "... truncated\n";
 constexpr size_t truncated_len = sizeof truncated_line - 1;
 
-// Room for a whole file: anonymous pages, of which only those the file fills
-// become resident, and which all go back to the system when the request is
-// answered (a freed malloc block this large may stay with the worker's arena).
-class file_pages {
-public:
-    explicit file_pages(size_t size) : size(size) {
-        void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        data = p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
-    }
-    ~file_pages() {
-        if (data != nullptr) {
-            munmap(data, size);
-        }
-    }
-    file_pages(const file_pages&) = delete;
-    file_pages& operator=(const file_pages&) = delete;
-
-    uint8_t* data;
-    size_t size;
-};
-
 // Answers a "read-all" command: the whole file, as one multi-packet reply
 // when it is longer than one packet. A file that ends within the first
 // max_send_len - 1 bytes answers as one read-all read always has. Past
 // max_whole_file the reply is the whole lines that leave room for the
 // truncation line, then that line.
 int reply_whole_file(comm_data* c, const std::string& path, bool cached) {
-    file_pages whole(max_whole_file + 1);
-    if (whole.data == nullptr) {
-        return -ENOMEM;
-    }
-    int n = file_cache::read_file_whole(path, c->send_data->msg, c->max_send_len, cached,
-                                        whole.data, whole.size);
+    page_buffer whole;  // mapped only for a file longer than one packet
+    int n = file_cache::read_file_whole(path, c->send_data->msg, c->max_send_len, cached, whole,
+                                        max_whole_file + 1);
     if (n < c->max_send_len) {
         return n;
     }
