@@ -48,10 +48,8 @@ TEST(remote_table, what_the_board_serves) {
     client_config none;
     EXPECT_NE(load_client_config(dir.path() + "/main.json", none, why), 0);  // as --list: 78
 
-    client_conn conn(ep, 5000);
-    ASSERT_EQ(conn.open(why), 0) << why;
     client_config remote;
-    ASSERT_EQ(fetch_remote_table(conn, remote, why), 0) << why;
+    ASSERT_EQ(load_remote_config(ep, 5000, {}, remote, why), 0) << why;
     ASSERT_EQ(remote.cmds.size(), 4u);
     EXPECT_EQ(remote.cmds[2].name, "tab?name");
     EXPECT_EQ(remote.cmds[2].target, "absent.so:f");
@@ -64,7 +62,8 @@ TEST(remote_table, what_the_board_serves) {
         EXPECT_EQ(l.id, r.id) << i;
     }
     // A board without the command says so with its status.
-    EXPECT_EQ(fetch_remote_table(conn, remote, why, 0x77, 1), -22) << why;
+    EXPECT_EQ(load_remote_config(ep, 5000, {}, remote, why, 0x77, 1), remote_no_table);
+    EXPECT_NE(why.find("-22"), std::string::npos) << why;
     EXPECT_EQ(parse_remote_table("0x10\t0x1\tfile\ta\tb\t/x\n0x10\t1\tfile\n", remote.cmds, why),
               client_malformed);
     EXPECT_NE(why.find("line 2"), std::string::npos) << why;

@@ -53,7 +53,16 @@ int fetch_remote_table(client_conn& conn, client_config& cfg, std::string& why, 
     if (status < 0) {
         why = "the board gave no command table: " + std::to_string(status) + " (" +
               status_text(status) + ")";
-        return status;
+        return remote_no_table;
     }
     return parse_remote_table(r.payload, cfg.cmds, why);
+}
+
+int load_remote_config(const std::string& endpoint, int timeout_ms, const client_keys& keys,
+                       client_config& cfg, std::string& why, uint32_t code, uint32_t id) {
+    client_conn conn(endpoint, timeout_ms, keys);
+    if (int rc = conn.open(why); rc != 0) {
+        return rc;
+    }
+    return fetch_remote_table(conn, cfg, why, code, id);
 }
