@@ -11,6 +11,8 @@
 #include <cstring>
 #include <iostream>
 
+#include "wire/reply.h"
+
 #define LOG_TAG "VO_MONITOR"
 
 monitor::monitor() {
@@ -75,6 +77,40 @@ void monitor::back_key_client_id(const std::string& key, int num) {
     }
 }
 
+namespace {
+// The most a "read-all" reply carries, and the line that ends one cut there.
+constexpr size_t max_whole_file = 1 << 20;
+const char truncated_line[] = "... truncated\n";
+constexpr size_t truncated_len = sizeof truncated_line - 1;
+
+// Answers a "read-all" command: the whole file, as one multi-packet reply
+// when it is longer than one packet. A file that ends within the first
+// max_send_len - 1 bytes answers as one read-all read always has. Past
+// max_whole_file the reply is the whole lines that leave room for the
+// truncation line, then that line.
+int reply_whole_file(comm_data* c, const std::string& path, bool cached) {
+    page_buffer whole;  // mapped only for a file longer than one packet
+    int n = file_cache::read_file_whole(path, c->send_data->msg, c->max_send_len, cached, whole,
+                                        max_whole_file + 1);
+    if (n < c->max_send_len) {
+        return n;
+    }
+    size_t len = static_cast<size_t>(n);
+    if (len > max_whole_file) {
+        len = 0;
+        for (size_t i = max_whole_file - truncated_len; i > 0; i--) {
+            if (whole.data[i - 1] == '\n') {
+                len = i;
+                break;
+            }
+        }
+        memcpy(whole.data + len, truncated_line, truncated_len);
+        len += truncated_len;
+    }
+    return send_reply(c, whole.data, len);
+}
+}  // namespace
+
 bool monitor::parse_config(const std::string& config) {
     configs = std::make_unique<config_parser>(config);
     return configs->parse_config();
@@ -129,8 +165,8 @@ int monitor::handle_request(comm_data* every_comm) {
     std::shared_ptr<sub_config> cfg = sub_it->second;
     auto cmd_it = cfg->cmds.find(sub_command);
     if (cmd_it == cfg->cmds.end()) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "No sub-command 0x%x in %s\n",
-                            sub_command, cfg->sub_file.c_str());
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "No sub-command 0x%x in %s\n", sub_command,
+                            cfg->sub_file.c_str());
         return -22;
     }
     std::shared_ptr<mon_cmd> cmd = cmd_it->second;
@@ -141,12 +177,13 @@ int monitor::handle_request(comm_data* every_comm) {
             const std::string& path = cmd->file_t.mon_file;
             // The path ends at its first zero character; copy only when one is
             // embedded, so the common case allocates nothing.
-            if (strlen(path.c_str()) == path.size()) {
-                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true,
-                                            cmd->read_all);
+            if (cmd->read_all) {
+                ret = reply_whole_file(every_comm, std::string(path.c_str()), true);
+            } else if (strlen(path.c_str()) == path.size()) {
+                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true);
             } else {
                 ret = file_cache::read_file(std::string(path.c_str()), reply,
-                                            every_comm->max_send_len, true, cmd->read_all);
+                                            every_comm->max_send_len, true);
             }
             break;
         }
@@ -158,8 +195,9 @@ int monitor::handle_request(comm_data* every_comm) {
                 pid_file.replace(found, 4, std::to_string(pid));
             }
             // Per-process paths are many and short-lived: never cached.
-            ret = file_cache::read_file(pid_file, reply, every_comm->max_send_len, false,
-                                        cmd->read_all);
+            ret = cmd->read_all
+                      ? reply_whole_file(every_comm, pid_file, false)
+                      : file_cache::read_file(pid_file, reply, every_comm->max_send_len, false);
             break;
         }
         case CUSTOM_TYPE:
@@ -178,9 +216,13 @@ int monitor::handle_request(comm_data* every_comm) {
     return ret;
 }
 
-int monitor::wait_for_connection() { return comm->listen_connect(); }
+int monitor::wait_for_connection() {
+    return comm->listen_connect();
+}
 
-int monitor::recv_request(comm_data* every_comm) { return every_comm->recv_msg(); }
+int monitor::recv_request(comm_data* every_comm) {
+    return every_comm->recv_msg();
+}
 
 int monitor::ack_request(int len, comm_data* every_comm) {
     // Above the limit a plug-in has answered on its own.
@@ -215,8 +257,8 @@ int start_security(monitor* mon, const main_config& mc) {
 void monitor_helper_thread(monitor* mon) {
     const main_config& mc = *mon->configs->mconfig;
     mon->comm = std::make_unique<server_comm>(mc.ip, mc.port);
-    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "vireo-monitor listening %s:%d",
-                        mc.ip.c_str(), mc.port);
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "vireo-monitor listening %s:%d", mc.ip.c_str(),
+                        mc.port);
     if (mc.secure && start_security(mon, mc) != 0) {
         return;
     }
@@ -273,8 +315,7 @@ void* worker_routine(void* mon_void) {
         }
         ret = mon->handle_request(every_comm);
         if (ret < 0) {
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Handle request error with %d\n",
-                                ret);
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Handle request error with %d\n", ret);
         }
         mon->ack_request(ret, every_comm);
     }
