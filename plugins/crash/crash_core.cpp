@@ -217,8 +217,8 @@ int read_notes(stream& in, core_data& d, const core_limits& lim, std::vector<cor
     std::sort(notes.begin(), notes.end(),
               [](const core_segment& a, const core_segment& b) { return a.offset < b.offset; });
     for (const auto& s : notes) {
-        if (s.offset < in.pos || !in.skip_to(s.offset) ||
-            static_cast<int64_t>(d.notes.size() + s.filesz) > lim.notes_limit) {
+        if (s.filesz > static_cast<uint64_t>(lim.notes_limit) - d.notes.size() ||
+            s.offset < in.pos || !in.skip_to(s.offset)) {
             d.problem = "notes out of order, cut or too large";
             break;
         }

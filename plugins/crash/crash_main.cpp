@@ -119,7 +119,10 @@ int store_report(const crash_conf& conf, const args& a, crash_info& info, const 
     std::string image = core_build(core, 0);
     int left = static_cast<int>(deadline - now_ms());
     std::string frames;
-    crash_unwind(core, image, info.exe, a.tid, left > 1000 ? left : 1000, frames);
+    if (core.threads.empty())
+        frames = "frames: none (no thread in the core)\n";
+    else
+        crash_unwind(core, image, info.exe, a.tid, left > 1000 ? left : 1000, frames);
     std::string core_gz;
     if (conf.core_stack_bytes > 0 && !core.threads.empty())
         core_gz = gzip(core_build(core, conf.core_stack_bytes));

@@ -76,6 +76,8 @@ int crash_store_list(const std::string& dir, std::vector<crash_entry>& out) {
             c.id = id;
             c.time = strtoll(id.c_str(), nullptr, 10);
             c.bytes += st.st_size;
+            if (strcmp(sfx, ".txt") == 0)
+                c.written_ns = st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec;
             break;
         }
     }
@@ -83,7 +85,7 @@ int crash_store_list(const std::string& dir, std::vector<crash_entry>& out) {
     out.clear();
     for (auto& kv : found) out.push_back(kv.second);
     std::stable_sort(out.begin(), out.end(), [](const crash_entry& a, const crash_entry& b) {
-        return a.time != b.time ? a.time < b.time : a.id < b.id;
+        return a.time != b.time ? a.time < b.time : a.written_ns < b.written_ns;
     });
     return 0;
 }
