@@ -37,6 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     lim.notes_limit = 64 << 10;
     lim.max_threads = 64;
     lim.max_segments = 512;
+    lim.kept_limit = 4 << 20;
     feed f{data, size, 0, static_cast<uint8_t>(size ? data[size - 1] : 0)};
     core_data d;
     if (core_read(read_feed, &f, lim, d) != 0)

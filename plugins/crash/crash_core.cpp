@@ -267,11 +267,17 @@ int core_read(core_read_fn read, void* ctx, const core_limits& lim, core_data& d
     std::vector<core_segment> loads = d.loads;
     std::sort(loads.begin(), loads.end(),
               [](const core_segment& a, const core_segment& b) { return a.offset < b.offset; });
+    int64_t budget = lim.kept_limit;
     for (const auto& s : loads) {
         uint64_t from = 0, to = 0;
         bool stack = false;
         if (!wanted(d, s, lim, &from, &to, &stack))
             continue;
+        // Two stacks far apart in one segment must not make one huge piece.
+        to = std::min<uint64_t>(to, from + static_cast<uint64_t>(std::max<int64_t>(budget, 0)));
+        if (to <= from)
+            continue;
+        budget -= static_cast<int64_t>(to - from);
         if (s.offset + from < in.pos || !in.skip_to(s.offset + from)) {
             d.problem = in.pos >= static_cast<uint64_t>(lim.read_limit) ? "read limit reached"
                                                                         : "cut in its memory";

@@ -18,6 +18,7 @@ struct core_limits {
     int64_t read_limit = 512 << 20;   // bytes of the stream ever read
     int64_t stack_bytes = 256 << 10;  // kept from each thread's SP upwards
     int64_t notes_limit = 8 << 20;
+    int64_t kept_limit = 64 << 20;      // memory kept, all pieces together
     int max_threads = 256;
     int max_segments = 65534;
 };
