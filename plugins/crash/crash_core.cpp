@@ -170,6 +170,14 @@ bool wanted(const core_data& d, const core_segment& s, const core_limits& lim, u
         *is_stack = true;
         return true;
     }
+    // Small data segments: among them the dynamic section, the linker's
+    // r_debug and its list of loaded libraries, by which host debuggers find
+    // the libraries of a core.
+    if (!(s.flags & PF_X) && s.filesz <= static_cast<uint64_t>(lim.small_segment_bytes)) {
+        *from = 0;
+        *to = s.filesz;
+        return true;
+    }
     bool header = s.vaddr == d.vdso && d.vdso != 0;
     for (const auto& f : d.files) header = header || (f.start == s.vaddr && f.page_offset == 0);
     if (!header)
@@ -232,11 +240,10 @@ int read_notes(stream& in, core_data& d, const core_limits& lim, std::vector<cor
         }
     }
     parse_notes(d, lim.max_threads);
-    if (d.notes.empty()) {
-        d.problem = d.problem.empty() ? "no notes" : d.problem;
-        return -ENODATA;
-    }
-    return 0;
+    if (d.notes.empty() && d.problem.empty())
+        d.problem = "no notes";
+    // Memory is of no use without the notes that say whose it is.
+    return d.problem.empty() ? 0 : -ENODATA;
 }
 
 }  // namespace

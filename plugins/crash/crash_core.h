@@ -1,7 +1,7 @@
 // Reading a process core as the kernel streams it into a pipe: the ELF
 // header, the program headers, the notes, and only the memory a report and
 // a stack-only core need (each thread's stack near its stack pointer, the
-// first page of each mapped ELF file, the vDSO). The stream is read in one
+// first page of each mapped ELF file, the vDSO, small data segments). The stream is read in one
 // pass, in file order, and never past the last needed byte.
 #pragma once
 
@@ -18,7 +18,8 @@ struct core_limits {
     int64_t read_limit = 512 << 20;   // bytes of the stream ever read
     int64_t stack_bytes = 256 << 10;  // kept from each thread's SP upwards
     int64_t notes_limit = 8 << 20;
-    int64_t kept_limit = 64 << 20;      // memory kept, all pieces together
+    int64_t kept_limit = 64 << 20;           // memory kept, all pieces together
+    int64_t small_segment_bytes = 64 << 10;  // data segments up to this size are kept whole
     int max_threads = 256;
     int max_segments = 65534;
 };
@@ -63,7 +64,7 @@ struct core_data {
 
 // Reads a core from read(ctx). Returns 0 with everything found, a negative
 // errno value when the stream is not a 64-bit little-endian ELF core
-// (-ENOEXEC) or ends before its notes (-ENODATA); data.problem says which.
+// (-ENOEXEC) or ends before the end of its notes (-ENODATA); data.problem says which.
 // Whatever was read before a later failure stays in data (a short report
 // is still possible).
 int core_read(core_read_fn read, void* ctx, const core_limits& lim, core_data& data);

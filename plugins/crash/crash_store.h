@@ -11,7 +11,7 @@
 struct crash_entry {
     std::string id;
     int64_t time = 0;
-    int64_t bytes = 0;  // the report and its core together
+    int64_t bytes = 0;       // the report and its core together
     int64_t written_ns = 0;  // the report's modification time
 };
 

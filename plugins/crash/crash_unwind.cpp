@@ -51,6 +51,16 @@ std::string hex(uint64_t v) {
     return b;
 }
 
+// The module's file as found on the board's disk (a full path), else the
+// name the core gives it (the dynamic linker's, the vDSO's).
+std::string module_path(Dwfl_Module* mod, const char* name) {
+    Dwarf_Addr bias = 0;
+    const char* file = nullptr;
+    if (dwfl_module_getelf(mod, &bias) != nullptr)
+        dwfl_module_info(mod, nullptr, nullptr, nullptr, nullptr, nullptr, &file, nullptr);
+    return file ? file : name ? name : "?";
+}
+
 std::string perms(uint32_t flags) {
     std::string p;
     if (flags & 4)
@@ -81,7 +91,7 @@ int on_module(Dwfl_Module* mod, void**, const char* name, Dwarf_Addr low, void* 
         snprintf(b, sizeof b, "%02x", bits[i]);
         build_id += b;
     }
-    std::string clean(name ? name : "?");
+    std::string clean = module_path(mod, name);
     std::replace(clean.begin(), clean.end(), ':', '_');
     std::replace(clean.begin(), clean.end(), '}', '_');
     *m->out += "{{{module:" + std::to_string(id) + ":" + clean + ":elf:" + build_id + "}}}\n";
@@ -108,7 +118,7 @@ std::string board_name(Dwfl* dwfl, uint64_t addr) {
     GElf_Off off = 0;
     GElf_Sym sym;
     const char* name = dwfl_module_addrinfo(mod, addr, &off, &sym, nullptr, nullptr, nullptr);
-    std::string where = std::string(" (") + (modname ? modname : "?") + ")";
+    std::string where = " (" + module_path(mod, modname) + ")";
     if (name == nullptr)
         return "??" + where;
     int status = -1;
