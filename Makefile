@@ -16,9 +16,10 @@ configure: bootstrap
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
-# The exporter's tests check its pages with Prometheus' promtool and server.
+# The exporter's tests check its pages with Prometheus' promtool and server;
+# the crash tests read stack-only cores with gdb and eu-stack.
 test: build
-	scripts/bootstrap prometheus
+	scripts/bootstrap prometheus gdb elfutils binutils
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
 # The daemon in the foreground on the demo configuration (127.0.0.1:6600).

@@ -194,7 +194,8 @@ protected:
             GTEST_SKIP() << "setting kernel.core_pattern needs root";
         pattern = std::make_unique<core_pattern_override>(std::string("|") + VIREO_CRASH + " -c " +
                                                           conf + " %P %i %s %t %e");
-        ASSERT_TRUE(pattern->ok);
+        if (!pattern->ok)
+            GTEST_SKIP() << "kernel.core_pattern cannot be set here";
     }
 };
 
