@@ -1,0 +1,105 @@
+// The crash plug-in: lists, serves and deletes the reports vireo-crash
+// keeps. Reading and deleting are separate functions, to be put under
+// separate command codes, so that a key may read without deleting.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "crash_conf.h"
+#include "crash_report.h"
+#include "crash_store.h"
+#include "probe_common.h"
+#include "server_comm.h"
+
+namespace {
+
+// crash.conf beside the library as the configuration names it, else the
+// installed one; read at the first request.
+const crash_conf& settings() {
+    static crash_conf conf;
+    static std::once_flag once;
+    std::call_once(once, [] {
+        Dl_info info{};
+        std::string path = VIREO_CRASH_SYSTEM_CONF;
+        if (dladdr(reinterpret_cast<void*>(&settings), &info) != 0 && info.dli_fname != nullptr) {
+            std::string lib = info.dli_fname;
+            size_t slash = lib.rfind('/');
+            std::string beside =
+                (slash == std::string::npos ? "." : lib.substr(0, slash)) + "/crash.conf";
+            if (access(beside.c_str(), R_OK) == 0)
+                path = beside;
+        }
+        std::string err;
+        crash_conf_load(path, conf, err);
+    });
+    return conf;
+}
+
+// The report id in the request payload: msg_len bytes of text.
+int request_id(comm_data* c, std::string& id) {
+    const data_struct* req = c->recv_data;
+    if (req->msg_len < 1 || req->msg_len > 64)
+        return -EINVAL;
+    id.assign(reinterpret_cast<const char*>(req->msg), static_cast<size_t>(req->msg_len));
+    while (!id.empty() && (id.back() == '\0' || id.back() == '\n')) id.pop_back();
+    return crash_id_valid(id) ? 0 : -EINVAL;
+}
+
+int serve_file(comm_data* c, const char* suffix) {
+    std::string id, data;
+    int rc = request_id(c, id);
+    if (rc == 0)
+        rc = crash_store_read(settings().store, id, suffix, data, probe_max_reply);
+    if (rc == -ELOOP)
+        rc = -EINVAL;
+    return rc != 0 ? rc : probe_reply(c, data.data(), data.size());
+}
+
+}  // namespace
+
+// One line per report, oldest first: id, time, executable, signal, and the
+// size of its stack-only core (0 without one), separated by tabs.
+PROBE_EXPORT int crash_list(comm_data* c) {
+    const std::string& dir = settings().store;
+    std::vector<crash_entry> all;
+    int rc = crash_store_list(dir, all);
+    if (rc == -ENOENT)
+        all.clear();
+    else if (rc != 0)
+        return rc;
+    std::string text;
+    for (const auto& e : all) {
+        std::string head, core;
+        if (crash_store_read(dir, e.id, ".txt", head, probe_max_reply) != 0)
+            continue;
+        crash_summary s;
+        crash_report_summary(head.substr(0, 4096), s);
+        int64_t core_bytes = e.bytes - static_cast<int64_t>(head.size());
+        std::string line = e.id + "\t" + std::to_string(s.time) + "\t" + s.exe + "\t" +
+                           std::to_string(s.sig) + "\t" + std::to_string(core_bytes) + "\n";
+        if (text.size() + line.size() + 16 > static_cast<size_t>(probe_max_reply)) {
+            text += "... truncated\n";
+            break;
+        }
+        text += line;
+    }
+    return probe_reply(c, text.data(), text.size());
+}
+
+PROBE_EXPORT int crash_fetch(comm_data* c) {
+    return serve_file(c, ".txt");
+}
+
+PROBE_EXPORT int crash_core(comm_data* c) {
+    return serve_file(c, ".core.gz");
+}
+
+PROBE_EXPORT int crash_delete(comm_data* c) {
+    std::string id;
+    int rc = request_id(c, id);
+    return rc != 0 ? rc : crash_store_delete(settings().store, id);
+}
