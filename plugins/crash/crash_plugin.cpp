@@ -12,8 +12,11 @@
 #include "crash_conf.h"
 #include "crash_report.h"
 #include "crash_store.h"
-#include "probe_common.h"
 #include "server_comm.h"
+#include "wire/reply.h"
+
+// The plug-in's entry points; everything else stays hidden.
+#define CRASH_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace {
 
@@ -53,17 +56,17 @@ int serve_file(comm_data* c, const char* suffix) {
     std::string id, data;
     int rc = request_id(c, id);
     if (rc == 0)
-        rc = crash_store_read(settings().store, id, suffix, data, probe_max_reply);
+        rc = crash_store_read(settings().store, id, suffix, data, static_cast<int>(max_multi_reply_len));
     if (rc == -ELOOP)
         rc = -EINVAL;
-    return rc != 0 ? rc : probe_reply(c, data.data(), data.size());
+    return rc != 0 ? rc : send_reply(c, reinterpret_cast<const uint8_t*>(data.data()), data.size());
 }
 
 }  // namespace
 
 // One line per report, oldest first: id, time, executable, signal, and the
 // size of its stack-only core (0 without one), separated by tabs.
-PROBE_EXPORT int crash_list(comm_data* c) {
+CRASH_EXPORT int crash_list(comm_data* c) {
     const std::string& dir = settings().store;
     std::vector<crash_entry> all;
     int rc = crash_store_list(dir, all);
@@ -74,31 +77,31 @@ PROBE_EXPORT int crash_list(comm_data* c) {
     std::string text;
     for (const auto& e : all) {
         std::string head, core;
-        if (crash_store_read(dir, e.id, ".txt", head, probe_max_reply) != 0)
+        if (crash_store_read(dir, e.id, ".txt", head, static_cast<int>(max_multi_reply_len)) != 0)
             continue;
         crash_summary s;
         crash_report_summary(head.substr(0, 4096), s);
         int64_t core_bytes = e.bytes - static_cast<int64_t>(head.size());
         std::string line = e.id + "\t" + std::to_string(s.time) + "\t" + s.exe + "\t" +
                            std::to_string(s.sig) + "\t" + std::to_string(core_bytes) + "\n";
-        if (text.size() + line.size() + 16 > static_cast<size_t>(probe_max_reply)) {
-            text += "... truncated\n";
+        if (text.size() + line.size() + 16 > max_multi_reply_len) {
+            text += truncated_line;
             break;
         }
         text += line;
     }
-    return probe_reply(c, text.data(), text.size());
+    return send_reply(c, reinterpret_cast<const uint8_t*>(text.data()), text.size());
 }
 
-PROBE_EXPORT int crash_fetch(comm_data* c) {
+CRASH_EXPORT int crash_fetch(comm_data* c) {
     return serve_file(c, ".txt");
 }
 
-PROBE_EXPORT int crash_core(comm_data* c) {
+CRASH_EXPORT int crash_core(comm_data* c) {
     return serve_file(c, ".core.gz");
 }
 
-PROBE_EXPORT int crash_delete(comm_data* c) {
+CRASH_EXPORT int crash_delete(comm_data* c) {
     std::string id;
     int rc = request_id(c, id);
     return rc != 0 ? rc : crash_store_delete(settings().store, id);

@@ -26,8 +26,6 @@
 namespace {
 
 const char log_tag[] = "VIREO_DESCRIBE";
-constexpr size_t max_text = 1 << 20;
-const char truncated_line[] = "... truncated\n";
 
 Json::Value parse_file(const std::string& path) {
     std::ifstream in(path);
@@ -141,10 +139,9 @@ table read_table() {
         t.text.clear();
         t.error = std::string(e.what()) + " in " + main_file;
     }
-    if (t.text.size() > max_text) {
-        size_t keep = t.text.rfind('\n', max_text - sizeof truncated_line);
-        t.text.resize(keep == std::string::npos ? 0 : keep + 1);
-        t.text += truncated_line;
+    if (t.text.size() > max_multi_reply_len) {
+        t.text.resize(cut_to_whole_lines(reinterpret_cast<uint8_t*>(&t.text[0]), t.text.size(),
+                                         max_multi_reply_len));
     }
     return t;
 }

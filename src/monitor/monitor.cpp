@@ -78,34 +78,21 @@ void monitor::back_key_client_id(const std::string& key, int num) {
 }
 
 namespace {
-// The most a "read-all" reply carries, and the line that ends one cut there.
-constexpr size_t max_whole_file = 1 << 20;
-const char truncated_line[] = "... truncated\n";
-constexpr size_t truncated_len = sizeof truncated_line - 1;
-
 // Answers a "read-all" command: the whole file, as one multi-packet reply
 // when it is longer than one packet. A file that ends within the first
 // max_send_len - 1 bytes answers as one read-all read always has. Past
-// max_whole_file the reply is the whole lines that leave room for the
+// max_multi_reply_len the reply is the whole lines that leave room for the
 // truncation line, then that line.
 int reply_whole_file(comm_data* c, const std::string& path, bool cached) {
     page_buffer whole;  // mapped only for a file longer than one packet
     int n = file_cache::read_file_whole(path, c->send_data->msg, c->max_send_len, cached, whole,
-                                        max_whole_file + 1);
+                                        max_multi_reply_len + 1);
     if (n < c->max_send_len) {
         return n;
     }
     size_t len = static_cast<size_t>(n);
-    if (len > max_whole_file) {
-        len = 0;
-        for (size_t i = max_whole_file - truncated_len; i > 0; i--) {
-            if (whole.data[i - 1] == '\n') {
-                len = i;
-                break;
-            }
-        }
-        memcpy(whole.data + len, truncated_line, truncated_len);
-        len += truncated_len;
+    if (len > max_multi_reply_len) {
+        len = cut_to_whole_lines(whole.data, len, max_multi_reply_len);
     }
     return send_reply(c, whole.data, len);
 }
