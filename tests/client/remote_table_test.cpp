@@ -8,7 +8,7 @@
 
 #include <climits>
 
-#include "test_util.h"
+#include "client_run.h"
 
 namespace {
 
@@ -61,6 +61,17 @@ TEST(remote_table, what_the_board_serves) {
         EXPECT_EQ(l.code, r.code) << i;
         EXPECT_EQ(l.id, r.id) << i;
     }
+    // The client without the board's files: --list and names from the board,
+    // found through -e or through a main file whose sub-configurations do
+    // not resolve from here.
+    const std::string listed = "sys.meminfo              0x10       0x1        file      /proc/meminfo\n";
+    for (const std::string& where : {"-e " + ep, "-c " + dir.path() + "/main.json"}) {
+        run_result got = run_client(where + " --list");
+        EXPECT_TRUE(got.status == 0 && got.out.find(listed) != std::string::npos) << where << got.err;
+        got = run_client(where + " sys.meminfo");
+        EXPECT_TRUE(got.status == 0 && got.out.rfind("MemTotal:", 0) == 0) << where << got.err;
+    }
+    expect_run("-e " + ep + " sys.nothing", 64, "", "no command named sys.nothing in " + ep);
     // A board without the command says so with its status.
     EXPECT_EQ(load_remote_config(ep, 5000, {}, remote, why, 0x77, 1), remote_no_table);
     EXPECT_NE(why.find("-22"), std::string::npos) << why;
