@@ -31,7 +31,7 @@ const char* scope_name(config_scope scope) {
 // clang-format off
 const config_key config_keys[config_key_count] = {
     {S::main, "mode", K::text, true, nullptr, any_min, any_max, "free text, kept and not interpreted"},
-    {S::main, "server_ip", K::text, true, nullptr, any_min, any_max, "address the endpoint binds to (tcp://IP:PORT)"},
+    {S::main, "server_ip", K::text, true, nullptr, any_min, any_max, "IP address the endpoint binds to: tcp://server_ip:port"},
     {S::main, "port", K::integer, true, nullptr, 1, 65535, "TCP port of the endpoint"},
     {S::main, "sub-configs", K::list, true, nullptr, any_min, any_max, "the groups of commands, one object each"},
     {S::group, "class", K::text, true, nullptr, any_min, any_max, "name of the group"},

@@ -42,17 +42,18 @@ TEST(check_config, reports_each_problem_where_it_is) {
         {"GOOD", R"("security": {"secret-key": "server.key", "authorized-keys": "twice.keys"}, )", "ENTRY",
          "twice.keys:2:1: error: key listed twice", 1},
         {"GOOD", "unreadable", "ENTRY", R"(nothing.json: error: cannot open "nothing.json": No such file or directory)", 78},
+        {"GOOD", "--keys", "ENTRY", "main file\t\"mode\"\ttext\trequired\tfree text, kept and not interpreted", 0},
         {"GOOD", "LAN", "ENTRY", R"(main.json:1:28: warning: plaintext endpoint on "0.0.0.0": anyone who reaches it is answered and can exhaust the daemon's memory; add "security" or listen on 127.0.0.1)", 0}};
     // clang-format on
     for (const auto& row : rows) {
         temp_dir dir;
         std::string keys = row.keys,
-                    main_file = keys == "unreadable" ? "nothing.json" : "main.json";
+                    main_file = keys == "unreadable" ? "nothing.json" : keys == "--keys" ? keys : "main.json";
         std::string head = keys == "-" ? "" : R"("mode": "m", )";
         dir.write("main.json",
                   "{" + head + R"("server_ip": ")" + (keys == "LAN" ? "0.0.0.0" : "127.0.0.1") +
                       R"(", "port": 6600, )" +
-                      (keys == "-" || keys == "unreadable" || keys == "LAN" ? "" : keys) +
+                      (keys == "-" || keys == "unreadable" || keys == "LAN" || keys == "--keys" ? "" : keys) +
                       R"("sub-configs": [)" + replace_all(row.groups, "GOOD", good) + "]}");
         dir.write("sub.json",
                   R"({"cmd-list": [)" +

@@ -26,7 +26,7 @@ namespace {
 
 constexpr int exit_problems = 1;  // the daemon would not start or not serve every command
 
-const char usage_line[] = "usage: vireo-client check-config MAIN.json\n";
+const char usage_line[] = "usage: vireo-client check-config MAIN.json | --keys\n";
 
 // One parsed JSON file and its text, to turn offsets into lines and columns.
 struct source {
@@ -522,6 +522,10 @@ int run_check_config(int argc, char** argv) {
     if (argc != 2) {
         fprintf(stderr, "vireo-client: check-config takes one file; %s", usage_line);
         return client_exit::usage;
+    }
+    if (strcmp(argv[1], "--keys") == 0) {  // every key the daemon and the client read
+        fputs(config_keys_text().c_str(), stdout);
+        return fflush(stdout) == 0 && !ferror(stdout) ? client_exit::ok : client_exit::output;
     }
     checker ck;
     source main_src;
