@@ -96,6 +96,32 @@ int reply_whole_file(comm_data* c, const std::string& path, bool cached) {
     }
     return send_reply(c, whole.data, len);
 }
+
+// A file command's reply: its file, or for a $pid path the file of the
+// request's pid, read once or (read-all) whole.
+int file_reply(const mon_cmd& cmd, comm_data* c) {
+    uint8_t* reply = c->send_data->msg;
+    if (cmd.type == FILE_TYPE) {
+        const std::string& path = cmd.file_t.mon_file;
+        // The path ends at its first zero character; copy only when one is
+        // embedded, so the common case allocates nothing.
+        if (cmd.read_all) {
+            return reply_whole_file(c, std::string(path.c_str()), true);
+        }
+        return strlen(path.c_str()) == path.size()
+                   ? file_cache::read_file(path, reply, c->max_send_len, true)
+                   : file_cache::read_file(std::string(path.c_str()), reply, c->max_send_len, true);
+    }
+    std::string pid_file = cmd.file_t.mon_file;
+    size_t found = pid_file.find("$pid");
+    if (found != std::string::npos) {
+        uint32_t pid = u8_to_u32(c->recv_data->msg);
+        pid_file.replace(found, 4, std::to_string(pid));
+    }
+    // Per-process paths are many and short-lived: never cached.
+    return cmd.read_all ? reply_whole_file(c, pid_file, false)
+                        : file_cache::read_file(pid_file, reply, c->max_send_len, false);
+}
 }  // namespace
 
 bool monitor::parse_config(const std::string& config) {
@@ -160,33 +186,10 @@ int monitor::handle_request(comm_data* every_comm) {
 
     int ret;
     switch (cmd->type) {
-        case FILE_TYPE: {
-            const std::string& path = cmd->file_t.mon_file;
-            // The path ends at its first zero character; copy only when one is
-            // embedded, so the common case allocates nothing.
-            if (cmd->read_all) {
-                ret = reply_whole_file(every_comm, std::string(path.c_str()), true);
-            } else if (strlen(path.c_str()) == path.size()) {
-                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true);
-            } else {
-                ret = file_cache::read_file(std::string(path.c_str()), reply,
-                                            every_comm->max_send_len, true);
-            }
+        case FILE_TYPE:
+        case DYN_FILE_TYPE:
+            ret = file_reply(*cmd, every_comm);
             break;
-        }
-        case DYN_FILE_TYPE: {
-            std::string pid_file = cmd->file_t.mon_file;
-            size_t found = pid_file.find("$pid");
-            if (found != std::string::npos) {
-                uint32_t pid = u8_to_u32(req->msg);
-                pid_file.replace(found, 4, std::to_string(pid));
-            }
-            // Per-process paths are many and short-lived: never cached.
-            ret = cmd->read_all
-                      ? reply_whole_file(every_comm, pid_file, false)
-                      : file_cache::read_file(pid_file, reply, every_comm->max_send_len, false);
-            break;
-        }
         case CUSTOM_TYPE:
             if (cmd->cust_t.function == nullptr) {
                 return -6;
