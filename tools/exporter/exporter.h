@@ -116,12 +116,22 @@ void close_link(board_link& l);
 // Probes one board within timeout_s and renders its metrics.
 void run_probe(const target_conf& t, double timeout_s, probe_result& out);
 
-// Parsers: each appends its families to w. Text is a file's contents as the
-// board sent it (cut at 8191 bytes at most: a cut last line is ignored).
-void render_meminfo(const std::string& text, metric_writer& w);
-void render_loadavg(const std::string& text, metric_writer& w);
+// Collectors: each reads one file the board serves and appends its families
+// to w. Text is the file's contents as the board sent it (cut at 8191 bytes
+// at most: a cut last line is ignored). Malformed lines are skipped.
+using render_fn = void (*)(const std::string& text, double user_hz, metric_writer& w);
+void render_meminfo(const std::string& text, double user_hz, metric_writer& w);
+void render_loadavg(const std::string& text, double user_hz, metric_writer& w);
 void render_stat(const std::string& text, double user_hz, metric_writer& w);
-void render_uptime(const std::string& text, metric_writer& w);
+void render_uptime(const std::string& text, double user_hz, metric_writer& w);
+
+// The system files of a probe, in the order their families are written.
+struct collector {
+    const char* name;  // also the command_status label
+    cmd_ref command_map::*ref;
+    render_fn render;
+};
+extern const collector system_collectors[4];
 
 // One named process from its /proc/PID/status and /proc/PID/stat.
 struct process_sample {
@@ -131,6 +141,11 @@ struct process_sample {
     double rss_bytes = 0, cpu_seconds = 0, threads = 0;
     std::string state;  // "R", "S", ...
 };
+// /proc/PID/status: state, threads, VmRSS; false without a State line.
+bool parse_process_status(const std::string& status, process_sample& out);
+// /proc/PID/stat: CPU seconds; false when its fields are not there.
+bool parse_process_stat(const std::string& stat, double user_hz, process_sample& out);
+// Both; sets and returns up.
 bool parse_process(const std::string& status, const std::string& stat, double user_hz,
                    process_sample& out);
 void render_processes(const std::vector<process_sample>& procs, metric_writer& w);

@@ -351,13 +351,12 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
     const auto start = clock_type::now();
     probe_session s(t, start + std::chrono::microseconds(static_cast<int64_t>(timeout_s * 1e6)));
     struct source {
-        const char* name;
-        const cmd_ref& ref;
+        const collector& c;
         size_t idx = SIZE_MAX;
-    } sources[] = {{"meminfo", t.cmds.meminfo},
-                   {"loadavg", t.cmds.loadavg},
-                   {"stat", t.cmds.stat},
-                   {"uptime", t.cmds.uptime}};
+    } sources[] = {{system_collectors[0]},
+                   {system_collectors[1]},
+                   {system_collectors[2]},
+                   {system_collectors[3]}};
     // Per process: the indexes of its pidfile, status and stat requests.
     struct proc_reqs {
         size_t pidfile = SIZE_MAX, status = SIZE_MAX, stat = SIZE_MAX;
@@ -371,8 +370,8 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
     };
     if (s.open() == 0) {
         for (source& src : sources) {
-            if (src.ref.set) {
-                src.idx = s.send(src.ref, {});
+            if ((t.cmds.*src.c.ref).set) {
+                src.idx = s.send(t.cmds.*src.c.ref, {});
             }
         }
         for (size_t i = 0; per_process && i < procs.size(); i++) {
@@ -396,7 +395,7 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
     for (const source& src : sources) {
         if (s.reason == reason_none && src.idx != SIZE_MAX && status_of(s.reqs[src.idx]) != 0) {
             s.reason = reason_error;
-            s.why = std::string(src.name) + ": " + status_text(status_of(s.reqs[src.idx]));
+            s.why = std::string(src.c.name) + ": " + status_text(status_of(s.reqs[src.idx]));
         }
     }
 
@@ -413,7 +412,7 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
                  "Status the board answered for each system file: 0, or its negative error code.");
         for (const source& src : sources) {
             if (src.idx != SIZE_MAX) {
-                w.sample("vireo_command_status", {{"command", src.name}},
+                w.sample("vireo_command_status", {{"command", src.c.name}},
                          status_of(s.reqs[src.idx]));
             }
         }
@@ -421,16 +420,7 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
             if (src.idx == SIZE_MAX || status_of(s.reqs[src.idx]) != 0) {
                 continue;
             }
-            const std::string& text = s.reqs[src.idx].reply.payload;
-            if (&src.ref == &t.cmds.meminfo) {
-                render_meminfo(text, w);
-            } else if (&src.ref == &t.cmds.loadavg) {
-                render_loadavg(text, w);
-            } else if (&src.ref == &t.cmds.stat) {
-                render_stat(text, t.user_hz, w);
-            } else {
-                render_uptime(text, w);
-            }
+            src.c.render(s.reqs[src.idx].reply.payload, t.user_hz, w);
         }
         std::vector<process_sample> samples;
         for (size_t i = 0; i < procs.size(); i++) {
