@@ -52,6 +52,21 @@ string get(int port, const string& path, const httplib::Headers& h = {}, int tri
     return "";
 }
 
+// One GET: status and body (status 0 when nothing answered).
+std::pair<int, string> fetch(int port, const string& path, const httplib::Headers& h = {}) {
+    httplib::Client c("127.0.0.1", port);
+    c.set_read_timeout(10, 0);
+    auto r = c.Get(path.c_str(), h);
+    return r ? std::make_pair(r->status, r->body) : std::make_pair(0, string());
+}
+
+// Resident set of a process in KiB.
+long rss_kib(pid_t pid) {
+    string s = read_text_file("/proc/" + std::to_string(pid) + "/status");
+    size_t at = s.find("VmRSS:");
+    return at == string::npos ? -1 : std::stol(s.substr(at + 6));
+}
+
 // The value of the sample line that starts with "name " (labels included).
 double value(const string& text, const string& name) {
     size_t at = text.find("\n" + name + " ");
@@ -89,12 +104,13 @@ struct exporter {
     temp_dir dir;
     int port = free_port();
     std::unique_ptr<child> c;
-    explicit exporter(const string& targets = "{}") {
-        c.reset(
-            new child({VIREO_EXPORTER_BIN, "--listen", "127.0.0.1:" + std::to_string(port), "-c",
-                       dir.write("e.json", R"({"targets": )" + targets + R"(, "processes": [
-        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")},
-                      dir.path() + "/log"));
+    explicit exporter(const string& targets = "{}", const string& extra = "",
+                      std::vector<string> args = {}) {
+        args.insert(args.begin(), {VIREO_EXPORTER_BIN, "--listen",
+                                   "127.0.0.1:" + std::to_string(port), "-c",
+                                   dir.write("e.json", R"({"targets": )" + targets + extra + R"(, "processes": [
+        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")});
+        c.reset(new child(args, dir.path() + "/log"));
         EXPECT_NE(get(port, "/"), "") << read_text_file(dir.path() + "/log");
     }
     string probe(const string& target, const string& timeout = "5") {
@@ -225,6 +241,58 @@ TEST(exporter, refuses_bad_configurations) {
         EXPECT_NE(read_text_file(err).find(r.err), string::npos) << r.json << "\n"
                                                                  << read_text_file(err);
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Bad spellings of a board get 400 and one line; 2,000 long targets and more
+// names than max-targets leave /metrics bounded: 3 targets of 19 series, each
+// line under 400 bytes (targets are at most 256 characters).
+TEST(exporter_attack, targets_checked_and_metrics_bounded) {
+    board b;
+    string p = std::to_string(b.port), named;
+    for (int i = 0; i < 5; i++)
+        named += string(i ? "," : "") + "\"" + string(200, 'n') + std::to_string(i) +
+                 "\": {\"endpoint\": \"" + b.ep + "\"}";
+    exporter e("{" + named + "}", R"(, "max-targets": 3)");
+    struct {
+        string target, why;
+    } rows[] = {{"tcp://127.0.0.9:555;127.0.0.1:" + p, "source address"},
+                {"tcp://127.0.0.1:000" + p, "port"},
+                {"tcp://127.0.0.1:" + std::to_string(b.port + 65536), "port"},
+                {"tcp://127.0.0.1:0", "port"},
+                {"tcp://127.1:" + p, "host"},
+                {"tcp://0x7f.0.0.1:" + p, "host"},
+                {"tcp://[::1:" + p, "host"},
+                {"udp://127.0.0.1:" + p, "neither"},
+                {"tcp://" + string(300, 'a') + ":1", "longer than 256"}};
+    for (auto& r : rows) {
+        auto [status, body] = fetch(e.port, "/probe?target=" + r.target);
+        EXPECT_EQ(status, 400) << r.target;
+        EXPECT_NE(body.find(r.why), string::npos) << r.target << ": " << body;
+        EXPECT_EQ(body.find('\n'), body.size() - 1) << body;
+    }
+    for (int i = 0; i < 2000; i++)
+        EXPECT_EQ(fetch(e.port, "/probe?target=tcp://127.0.0.1:" + string(240, '0') +
+                                    std::to_string(i)).first, 400);
+    EXPECT_EQ(value(e.probe(b.ep), "vireo_up"), 1);
+    EXPECT_EQ(value(e.probe("tcp://LocalHost.:" + p), "vireo_up"), 1);
+    string refused = "tcp://127.0.0.1:" + std::to_string(free_port());
+    EXPECT_EQ(value(e.probe(refused), "vireo_up{reason=\"refused\"}"), 0);
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(value(e.probe(string(200, 'n') + std::to_string(i)), "vireo_up"), 1);
+    string own = get(e.port, "/metrics");
+    EXPECT_LT(own.size(), 3 * 19 * 400 + 2000u) << own;
+    EXPECT_LT(rss_kib(e.c->pid), 64 * 1024);
+    for (string t : {b.ep, string("tcp://localhost:") + p, refused, string(200, 'n') + "1"})
+        EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + t + "\"}"), -1) << t;
+    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + string(200, 'n') + "4\"}"), 1);
+    exporter only10("{}", "", {"--probe.allow", "10.0.0.0/8,board.lan"});
+    auto [status, body] = fetch(only10.port, "/probe?target=" + b.ep);
+    EXPECT_EQ(status, 400);
+    EXPECT_EQ(body, "target " + b.ep + " is not allowed by --probe.allow\n");
 }
 
 }  // namespace

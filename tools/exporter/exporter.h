@@ -39,6 +39,7 @@ struct curve_keys {
 
 // Everything one probe needs to know about its board.
 struct target_conf {
+    std::string label;  // the target label: its configured name or canonical endpoint
     std::string endpoint;
     curve_keys keys;
     command_map cmds;
@@ -46,12 +47,39 @@ struct target_conf {
     double user_hz = 100;  // clock ticks per second of /proc/stat and /proc/PID/stat
 };
 
+// One entry of --probe.allow: a network (family AF_INET or AF_INET6, bits
+// of net) or, with family 0, a host name.
+struct allow_rule {
+    int family = 0;
+    unsigned char net[16] = {};
+    int bits = 0;
+    std::string name;
+};
+
 struct exporter_config {
     target_conf defaults;                        // tcp:// targets; base of named ones
     std::map<std::string, target_conf> targets;  // named targets
     int threads = 64;                            // HTTP worker threads = concurrent probes
-    double timeout_s = 5;  // probe timeout without X-Prometheus-Scrape-Timeout-Seconds
+    double timeout_s = 5;  // probe timeout, and the most a scrape's own header may ask
+    // tcp:// targets the exporter keeps figures for in /metrics; the least
+    // recently probed one is dropped for a new one.
+    size_t max_targets = 1000;
+    std::vector<allow_rule> allow;  // tcp:// targets that may be probed; empty: any
 };
+
+// The longest target accepted, so that a target label is bounded too.
+constexpr size_t max_target_len = 256;
+
+// A tcp://HOST:PORT target in its one spelling: HOST an IPv4 address, an
+// IPv6 address in brackets (both as inet_ntop writes them) or a lower-case
+// host name; PORT 1..65535 without leading zeros. No source part (";"), no
+// other transport. Returns 0 with key set, or -1 with a one-line why.
+int canonical_target(const std::string& target, std::string& key, std::string& why);
+// "10.0.0.0/8,192.168.1.7,[fd00::]/8,board.local" into rules; 0 or -1 with why.
+int parse_allow(const std::string& list, std::vector<allow_rule>& out, std::string& why);
+// True when a rule lets canonical target key be probed. Host names are
+// compared as written, never resolved.
+bool allowed(const std::vector<allow_rule>& rules, const std::string& key);
 
 // The built-in configuration: plaintext and the demo configuration's commands
 // (0x10: meminfo 1, loadavg 2, uptime 3, stat 4; 0x20: status 1, stat 2).
@@ -62,7 +90,8 @@ exporter_config default_exporter_config();
 int load_exporter_config(const std::string& path, exporter_config& out, std::string& why);
 
 // The settings of target T: a configured name, or tcp://HOST:PORT with the
-// defaults. Returns 0, or -1 with why set.
+// defaults, checked by canonical_target and the allow rules. Returns 0, or
+// -1 with a one-line why.
 int resolve_target(const exporter_config& cfg, const std::string& target, target_conf& out,
                    std::string& why);
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <list>
 #include <mutex>
 #include <thread>
 
@@ -25,8 +26,11 @@ constexpr int exit_config = 78;
 constexpr int exit_listen = 1;
 
 const char usage_text[] =
-    "usage: vireo-exporter --listen ADDR:PORT [-c FILE]\n"
+    "usage: vireo-exporter --listen ADDR:PORT [-c FILE] [--probe.allow LIST]\n"
     "  --listen ADDR:PORT  HTTP address to serve /probe and /metrics on\n"
+    "  --probe.allow LIST  tcp:// targets that may be probed: networks, addresses\n"
+    "                      and host names, comma-separated (10.0.0.0/8,board.lan);\n"
+    "                      without it any tcp://HOST:PORT may be\n"
     "  -c FILE             exporter configuration (JSON): keys, commands, processes,\n"
     "                      named targets; without it tcp:// targets are probed in\n"
     "                      plaintext with the demo configuration's commands\n"
@@ -50,19 +54,36 @@ struct target_stats {
     double seconds_sum = 0;
 };
 
-std::mutex stats_lock;  // held only to update or copy the figures
-std::map<std::string, target_stats> stats;
-
-// Targets come from the scraper's query: past this many, new ones are not
-// counted, so that a stray client cannot grow the exporter without bound.
-constexpr size_t max_counted_targets = 10000;
+// The figures of the most recently probed targets, at most max_targets of
+// them: HTTP clients choose the targets, so the page's size is bounded by
+// the count and by max_target_len.
+struct stats_table {
+    std::mutex lock;  // held only to update or copy the figures
+    size_t max_targets = 1000;
+    std::list<std::string> recent;  // most recently probed first
+    std::map<std::string, std::pair<target_stats, std::list<std::string>::iterator>> by_target;
+};
+stats_table stats;
 
 void record(const std::string& target, const probe_result& r) {
-    std::lock_guard<std::mutex> g(stats_lock);
-    if (stats.size() >= max_counted_targets && stats.count(target) == 0) {
-        return;
+    std::lock_guard<std::mutex> g(stats.lock);
+    auto it = stats.by_target.find(target);
+    if (it == stats.by_target.end()) {
+        // Nothing answered: a typo or a scan leaves no figures behind.
+        if (r.reason == reason_refused) {
+            return;
+        }
+        if (stats.by_target.size() >= stats.max_targets) {
+            stats.by_target.erase(stats.recent.back());
+            stats.recent.pop_back();
+        }
+        stats.recent.push_front(target);
+        it = stats.by_target.emplace(target, std::make_pair(target_stats{}, stats.recent.begin()))
+                 .first;
+    } else {
+        stats.recent.splice(stats.recent.begin(), stats.recent, it->second.second);
     }
-    target_stats& s = stats[target];
+    target_stats& s = it->second.first;
     s.probes++;
     s.failures[r.reason]++;
     s.seconds_sum += r.seconds;
@@ -74,8 +95,10 @@ void record(const std::string& target, const probe_result& r) {
 std::string own_metrics() {
     std::map<std::string, target_stats> copy;
     {
-        std::lock_guard<std::mutex> g(stats_lock);
-        copy = stats;
+        std::lock_guard<std::mutex> g(stats.lock);
+        for (const auto& [t, s] : stats.by_target) {
+            copy.emplace(t, s.first);
+        }
     }
     metric_writer w;
     w.family("vireo_exporter_build_info", "gauge", "Version of vireo-exporter, value 1.");
@@ -193,15 +216,15 @@ int usage_error(const std::string& why) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string listen, config_path;
+    std::string listen, config_path, allow;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if (a == "-h" || a == "--help") {
             fputs(usage_text, stdout);
             return 0;
         }
-        if ((a == "--listen" || a == "-c") && i + 1 < argc) {
-            (a == "-c" ? config_path : listen) = argv[++i];
+        if ((a == "--listen" || a == "-c" || a == "--probe.allow") && i + 1 < argc) {
+            (a == "-c" ? config_path : a == "--listen" ? listen : allow) = argv[++i];
         } else {
             return usage_error("unexpected argument \"" + a + "\"");
         }
@@ -218,6 +241,10 @@ int main(int argc, char** argv) {
         fprintf(stderr, "vireo-exporter: %s\n", why.c_str());
         return exit_config;
     }
+    if (!allow.empty() && parse_allow(allow, cfg.allow, why) != 0) {
+        return usage_error(why);
+    }
+    stats.max_targets = cfg.max_targets;
 
     // Signals are taken by one thread, which stops the server cleanly.
     sigset_t sigs;
@@ -254,7 +281,7 @@ int main(int argc, char** argv) {
         }
         probe_result r;
         run_probe(conf, probe_timeout(req, cfg.timeout_s), r);
-        record(target, r);
+        record(conf.label, r);
         send_page(req, res, r.text);
     });
     svr.Get("/metrics", [](const httplib::Request& req, httplib::Response& res) {
