@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <thread>
@@ -293,6 +294,86 @@ TEST(exporter_attack, targets_checked_and_metrics_bounded) {
     auto [status, body] = fetch(only10.port, "/probe?target=" + b.ep);
     EXPECT_EQ(status, 400);
     EXPECT_EQ(body, "target " + b.ep + " is not allowed by --probe.allow\n");
+}
+
+// A listening socket that accepts and never speaks; closed with the test.
+struct silent_server {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    string ep;
+    silent_server() {
+        sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t len = sizeof a;
+        bind(fd, reinterpret_cast<sockaddr*>(&a), len), listen(fd, 128),
+            getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+        ep = "tcp://127.0.0.1:" + std::to_string(ntohs(a.sin_port));
+    }
+    ~silent_server() { close(fd); }
+};
+
+size_t open_fds(pid_t pid) {
+    size_t n = 0;
+    for (auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
+        n += e.exists() ? 1 : 0;
+    return n;
+}
+
+// Hostile HTTP clients against 4 threads: absurd timeout headers are refused,
+// a huge one is clamped to the configured timeout, probes whose client left
+// end, and 100 connections stuck in their header hold no thread. After each,
+// the board is probed fine.
+TEST(exporter_attack, http_clients_cannot_hold_threads) {
+    board b;
+    silent_server silent;
+    exporter e("{}", R"(, "threads": 4, "timeout": 1)");
+    for (const char* h : {"inf", "nan", "1e300", "1e13", "1000000", "-1", "0", "5s"}) {
+        auto [status, body] = fetch(e.port, "/probe?target=" + b.ep,
+                                    {{"X-Prometheus-Scrape-Timeout-Seconds", h}});
+        EXPECT_EQ(status, 400) << h;
+        EXPECT_NE(body.find("not a number of seconds"), string::npos) << h << ": " << body;
+    }
+    std::vector<std::future<string>> held;
+    for (int i = 0; i < 4; i++)
+        held.push_back(std::async(std::launch::async, [&] { return e.probe(silent.ep, "3600"); }));
+    for (auto& f : held) EXPECT_EQ(value(f.get(), "vireo_up{reason=\"timeout\"}"), 0);
+    EXPECT_EQ(value(e.probe(b.ep), "vireo_up"), 1);
+
+    exporter slow("{}", R"(, "threads": 2, "timeout": 60)");
+    std::vector<std::thread> leaving;
+    for (int i = 0; i < 2; i++)
+        leaving.emplace_back([&] {
+            httplib::Client c("127.0.0.1", slow.port);
+            c.set_read_timeout(0, 300000);
+            c.Get(("/probe?target=" + silent.ep).c_str());
+        });
+    for (auto& t : leaving) t.join();
+    EXPECT_EQ(value(get(slow.port, "/probe?target=" + b.ep), "vireo_up"), 1);
+    string own = get(slow.port, "/metrics");
+    EXPECT_EQ(value(own, "vireo_exporter_probe_errors_total{target=\"" + silent.ep +
+                             "\",reason=\"timeout\"}"), 2) << own;
+
+    std::vector<int> stuck;
+    for (int i = 0; i < 100; i++) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{AF_INET, htons(e.port), {htonl(INADDR_LOOPBACK)}, {}};
+        if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
+            send(fd, "GET /probe?tar", 14, MSG_NOSIGNAL);
+        stuck.push_back(fd);
+    }
+    EXPECT_EQ(value(e.probe(b.ep), "vireo_up"), 1);
+    EXPECT_LT(open_fds(e.c->pid), 64u);
+    for (int fd : stuck) close(fd);
+}
+
+// A second exporter on a busy port says so and exits non-zero.
+TEST(exporter_attack, one_exporter_per_port) {
+    exporter e;
+    temp_dir t;
+    string err = t.path() + "/err";
+    int st = system((VIREO_EXPORTER_BIN " --listen 127.0.0.1:" + std::to_string(e.port) + " 2>" +
+                     err).c_str());
+    EXPECT_EQ(WEXITSTATUS(st), 1);
+    EXPECT_EQ(read_text_file(err), "vireo-exporter: cannot listen on 127.0.0.1:" +
+                                       std::to_string(e.port) + ": Address already in use\n");
 }
 
 }  // namespace

@@ -142,8 +142,10 @@ struct board_link {
 };
 void close_link(board_link& l);
 
-// Probes one board within timeout_s and renders its metrics.
-void run_probe(const target_conf& t, double timeout_s, probe_result& out);
+// Probes one board within timeout_s and renders its metrics. With
+// client_fd >= 0 (the HTTP client's connection), the probe ends early when
+// that client has gone.
+void run_probe(const target_conf& t, double timeout_s, probe_result& out, int client_fd = -1);
 
 // Collectors: each reads one file the board serves and appends its families
 // to w. Text is the file's contents as the board sent it (cut at 8191 bytes

@@ -8,12 +8,14 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <list>
 #include <mutex>
 #include <thread>
 
 #include "exporter.h"
+#include "http_front.h"
 
 #ifndef VIREO_VERSION
 #define VIREO_VERSION "unknown"
@@ -132,15 +134,20 @@ std::string own_metrics() {
     return w.out;
 }
 
-// The probe's time budget from Prometheus' header, else the configured one.
-double probe_timeout(const httplib::Request& req, double fallback) {
+// The probe's time budget: Prometheus' header less a margin, at most the
+// configured timeout. Returns -1 for a header that is not a number of
+// seconds from 0 to a day (inf, nan, 1e300...).
+double probe_timeout(const httplib::Request& req, double configured) {
     std::string h = req.get_header_value("X-Prometheus-Scrape-Timeout-Seconds");
+    if (h.empty()) {
+        return configured;
+    }
     char* end = nullptr;
     double v = strtod(h.c_str(), &end);
-    if (h.empty() || *end != '\0' || !(v > 0)) {
-        return fallback;
+    if (*end != '\0' || !std::isfinite(v) || !(v > 0) || v > 86400) {
+        return -1;
     }
-    return std::max(min_timeout_s, v - timeout_margin_s);
+    return std::min(configured, std::max(min_timeout_s, v - timeout_margin_s));
 }
 
 // True when the request's Accept-Encoding lists gzip (without q=0).
@@ -263,14 +270,10 @@ int main(int argc, char** argv) {
     mallopt(M_TRIM_THRESHOLD, 32 * 1024 * 1024);
     mallopt(M_MMAP_THRESHOLD, 1024 * 1024);
 
-    httplib::Server svr;
-    const int threads = cfg.threads;
-    svr.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-    // One request per connection: scrapes come seconds apart, and the server
-    // would keep a thread polling each idle kept-alive connection meanwhile.
-    svr.set_keep_alive_max_count(1);
+    http_front svr;
     // Headers and body go out in separate writes: no Nagle delay between them.
     svr.set_tcp_nodelay(true);
+    svr.set_payload_max_length(0);  // GET only: no request body is read
     svr.Get("/probe", [&cfg](const httplib::Request& req, httplib::Response& res) {
         std::string target = req.get_param_value("target"), err;
         target_conf conf;
@@ -279,8 +282,16 @@ int main(int argc, char** argv) {
             res.set_content((target.empty() ? "no target given" : err) + "\n", "text/plain");
             return;
         }
+        double timeout = probe_timeout(req, cfg.timeout_s);
+        if (timeout < 0) {
+            res.status = 400;
+            res.set_content(
+                "X-Prometheus-Scrape-Timeout-Seconds is not a number of seconds up to 86400\n",
+                "text/plain");
+            return;
+        }
         probe_result r;
-        run_probe(conf, probe_timeout(req, cfg.timeout_s), r);
+        run_probe(conf, timeout, r, http_front::current_fd());
         record(conf.label, r);
         send_page(req, res, r.text);
     });
@@ -293,33 +304,25 @@ int main(int argc, char** argv) {
             "  /metrics                       the exporter's own figures\n",
             "text/plain");
     });
-    // The library listens with a backlog of 5: a fleet's scrapes arrive
-    // together, and a connection beyond the backlog waits a second for its
-    // SYN to be sent again. The socket is listened on again with a deep one.
-    int listen_fd = -1;
-    svr.set_socket_options([&listen_fd](int fd) {
-        httplib::default_socket_options(fd);
-        listen_fd = fd;
-    });
-    if (!svr.bind_to_port(host.c_str(), port) || ::listen(listen_fd, SOMAXCONN) != 0) {
-        fprintf(stderr, "vireo-exporter: cannot listen on %s\n", listen.c_str());
+    if (svr.listen_on(host, port, why) != 0) {
+        fprintf(stderr, "vireo-exporter: %s\n", why.c_str());
         return exit_listen;
     }
     fprintf(stderr, "vireo-exporter listening %s\n", listen.c_str());
     std::thread stopper([&svr, sigs] {
         int sig = 0;
         sigwait(&sigs, &sig);
-        svr.stop();
+        svr.stop_serving();
     });
-    bool ok = svr.listen_after_bind();
-    if (stopper.joinable()) {
-        // Stopped by a signal: the stopper has returned. Otherwise wake it.
-        if (ok) {
-            stopper.join();
-        } else {
-            pthread_kill(stopper.native_handle(), SIGTERM);
-            stopper.join();
-        }
+    http_limits limits;
+    limits.threads = cfg.threads;
+    // Prometheus scrapes a whole fleet from one address: that address may
+    // use all but a sixteenth of the threads.
+    limits.per_address = static_cast<size_t>(std::max(1, cfg.threads - cfg.threads / 16));
+    int rc = svr.run(limits);
+    if (!svr.stopping) {
+        pthread_kill(stopper.native_handle(), SIGTERM);
     }
-    return ok ? 0 : exit_listen;
+    stopper.join();
+    return rc == 0 ? 0 : exit_listen;
 }

@@ -6,6 +6,7 @@
 // The daemon's REP workers hand the envelope back unchanged, so replies may
 // arrive in any order and still find their request, and the board's workers
 // serve one probe's requests side by side.
+#include <sys/socket.h>
 #include <zmq.h>
 
 #include <algorithm>
@@ -52,6 +53,7 @@ public:
     void*& mon = link.mon;
     std::vector<request> reqs;
     size_t pending = 0;
+    int client_fd = -1;  // the HTTP client's connection, watched for its end
     probe_reason reason = reason_none;
     std::string why;
 
@@ -290,14 +292,30 @@ bool probe_session::wait_all(const std::function<void(size_t)>& on_reply) {
             fail(reason_timeout, "no reply from " + target.endpoint + " in time");
             break;
         }
-        zmq_pollitem_t items[] = {{sock, 0, ZMQ_POLLIN, 0}, {mon, 0, ZMQ_POLLIN, 0}};
-        if (zmq_poll(items, mon != nullptr ? 2 : 1, static_cast<long>(left.count())) == -1) {
+        zmq_pollitem_t items[] = {
+            {sock, 0, ZMQ_POLLIN, 0}, {nullptr, client_fd, ZMQ_POLLIN, 0}, {mon, 0, ZMQ_POLLIN, 0}};
+        int n_items = client_fd >= 0 ? 2 : 1;
+        if (mon != nullptr) {
+            items[n_items++] = items[2];
+        }
+        if (zmq_poll(items, n_items, static_cast<long>(left.count())) == -1) {
             if (errno != EINTR) {
                 fail(reason_error, std::string("zmq_poll: ") + zmq_strerror(errno));
             }
             continue;
         }
-        if (mon != nullptr && (items[1].revents & ZMQ_POLLIN)) {
+        if (client_fd >= 0 && (items[1].revents & ZMQ_POLLIN)) {
+            // The request is read whole: readable now means closed, or a
+            // client sending more than it should (then no longer watched).
+            char c;
+            ssize_t got = recv(client_fd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
+            if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+                fail(reason_timeout, "the HTTP client went away");
+                break;
+            }
+            client_fd = got > 0 ? -1 : client_fd;
+        }
+        if (mon != nullptr && (items[n_items - 1].revents & ZMQ_POLLIN)) {
             read_monitor();
         }
         // Every reply queued now; a reply may queue more requests.
@@ -347,9 +365,10 @@ const char* reason_text(probe_reason r) {
     }
 }
 
-void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
+void run_probe(const target_conf& t, double timeout_s, probe_result& out, int client_fd) {
     const auto start = clock_type::now();
     probe_session s(t, start + std::chrono::microseconds(static_cast<int64_t>(timeout_s * 1e6)));
+    s.client_fd = client_fd;
     struct source {
         const collector& c;
         size_t idx = SIZE_MAX;
