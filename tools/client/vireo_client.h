@@ -31,6 +31,11 @@ constexpr uint32_t return_id_sub = 2;
 // Reply payload capacity of the daemon, and the most a request may carry.
 constexpr int max_reply_payload = 8192;
 constexpr int max_request_payload = 1024;
+// No frame of the daemon is longer than one packet (set as ZMQ_MAXMSGSIZE,
+// so that libzmq drops a longer one before it is held in memory), and a
+// multi-packet reply has at most this many packets: 8 MiB of payload.
+constexpr int max_reply_frame = max_reply_payload + 48;
+constexpr size_t max_reply_packets = 1024;
 
 // A request frame: the 44-byte header (crc 0, msg_len the payload size), the
 // payload, and the 4 trailing bytes every frame carries (zero).
@@ -52,10 +57,11 @@ struct client_reply {
 };
 
 // Checks the parts of one reply to the request (command, sub_command) and
-// fills out. Returns 0, or client_malformed with the reason in why: a part
-// shorter than 12 bytes, shorter than msg_len + 48 (a negative msg_len needs
-// max(12, msg_len + 48) bytes), a reply to another command, or packets of a
-// multi-packet reply that do not add up.
+// fills out. Returns 0, or client_malformed with the reason in why: more
+// than max_reply_packets parts, a part over max_reply_frame bytes, a
+// single-packet msg_len over max_reply_payload, a part shorter than 12 bytes, shorter than msg_len
+// + 48 (a negative msg_len needs max(12, msg_len + 48) bytes), a reply to another command, or
+// packets of a multi-packet reply that do not add up.
 int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command,
                 uint32_t sub_command, client_reply& out, std::string& why);
 

@@ -64,6 +64,7 @@ struct exporter_config {
     // tcp:// targets the exporter keeps figures for in /metrics; the least
     // recently probed one is dropped for a new one.
     size_t max_targets = 1000;
+    double link_idle_s = 120;       // a board's kept link is closed after this long unused
     std::vector<allow_rule> allow;  // tcp:// targets that may be probed; empty: any
 };
 
@@ -114,7 +115,15 @@ std::string escape_label(const std::string& v);
 std::string metric_name_part(const std::string& text);
 
 // What a probe found.
-enum probe_reason { reason_none, reason_timeout, reason_refused, reason_malformed, reason_error };
+enum probe_reason {
+    reason_none,
+    reason_timeout,
+    reason_refused,
+    reason_malformed,
+    reason_error,
+    reason_handshake,  // the peer never finished a ZeroMQ handshake: not a daemon
+    reason_count
+};
 const char* reason_text(probe_reason r);
 
 struct probe_result {
@@ -141,6 +150,8 @@ struct board_link {
     std::chrono::steady_clock::time_point idle_since;
 };
 void close_link(board_link& l);
+// How long a kept link may stay unused before the timer closes it.
+void set_link_idle_time(double seconds);
 
 // Probes one board within timeout_s and renders its metrics. With
 // client_fd >= 0 (the HTTP client's connection), the probe ends early when

@@ -220,8 +220,8 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
             throw runtime_error(path + " does not hold an object");
         }
         check_keys(root,
-                   {"threads", "timeout", "max-targets", "server-key", "key", "user-hz", "commands",
-                    "processes", "targets"},
+                   {"threads", "timeout", "max-targets", "link-idle-timeout", "server-key", "key",
+                    "user-hz", "commands", "processes", "targets"},
                    path);
         if (root.isMember("threads")) {
             if (!root["threads"].isInt() || root["threads"].asInt() < 1 ||
@@ -231,8 +231,9 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
             out.threads = root["threads"].asInt();
         }
         if (root.isMember("timeout")) {
-            if (!root["timeout"].isNumeric() || root["timeout"].asDouble() <= 0) {
-                throw runtime_error("\"timeout\" is not a positive number of seconds");
+            if (!root["timeout"].isNumeric() || !(root["timeout"].asDouble() > 0) ||
+                root["timeout"].asDouble() > 3600) {
+                throw runtime_error("\"timeout\" is not a number of seconds up to 3600");
             }
             out.timeout_s = root["timeout"].asDouble();
         }
@@ -242,6 +243,13 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
                 throw runtime_error("\"max-targets\" is not a number from 1 to 100000");
             }
             out.max_targets = root["max-targets"].asUInt();
+        }
+        if (root.isMember("link-idle-timeout")) {
+            const Json::Value& v = root["link-idle-timeout"];
+            if (!v.isNumeric() || !(v.asDouble() > 0) || v.asDouble() > 86400) {
+                throw runtime_error("\"link-idle-timeout\" is not a number of seconds up to 86400");
+            }
+            out.link_idle_s = v.asDouble();
         }
         read_target(root, out.defaults, "configuration");
         const Json::Value& targets = root["targets"];

@@ -51,7 +51,7 @@ constexpr size_t n_buckets = sizeof buckets / sizeof buckets[0];
 // The exporter's own figures per target, updated after each probe.
 struct target_stats {
     uint64_t probes = 0;
-    uint64_t failures[5] = {};  // by probe_reason
+    uint64_t failures[reason_count] = {};  // by probe_reason
     uint64_t bucket_counts[n_buckets] = {};
     double seconds_sum = 0;
 };
@@ -112,7 +112,7 @@ std::string own_metrics() {
     w.family("vireo_exporter_probe_errors_total", "counter",
              "Probes of each target that ended with vireo_up 0, by reason.");
     for (const auto& [t, s] : copy) {
-        for (int r = reason_timeout; r <= reason_error; r++) {
+        for (int r = reason_timeout; r < reason_count; r++) {
             w.sample("vireo_exporter_probe_errors_total",
                      {{"target", t}, {"reason", reason_text(static_cast<probe_reason>(r))}},
                      static_cast<double>(s.failures[r]));
@@ -252,6 +252,7 @@ int main(int argc, char** argv) {
         return usage_error(why);
     }
     stats.max_targets = cfg.max_targets;
+    set_link_idle_time(cfg.link_idle_s);
 
     // Signals are taken by one thread, which stops the server cleanly.
     sigset_t sigs;

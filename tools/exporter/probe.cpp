@@ -6,6 +6,9 @@
 // The daemon's REP workers hand the envelope back unchanged, so replies may
 // arrive in any order and still find their request, and the board's workers
 // serve one probe's requests side by side.
+#include <malloc.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <zmq.h>
 
@@ -16,6 +19,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 
 #include "exporter.h"
@@ -24,6 +28,11 @@
 namespace {
 
 using clock_type = std::chrono::steady_clock;
+
+// The files a probe asks for fit one packet; a board's plug-in might answer
+// in several, up to 128 KiB.
+constexpr size_t max_file_packets = 16;
+constexpr int handshake_ms = 1000;
 
 struct request {
     uint32_t code = 0, id = 0;
@@ -74,9 +83,18 @@ private:
 
 std::atomic<unsigned> monitor_serial{0};
 
-// Links of boards between probes. The lock is held only to take or give one.
+// Links of boards between probes, at most max_per_key per board and
+// max_idle in all, each closed after idle_time unused by a timer thread. The
+// lock is held only to take, give or sweep.
 class link_pool {
 public:
+    link_pool() {
+        rlimit r{};
+        getrlimit(RLIMIT_NOFILE, &r);
+        // A link costs about three descriptors (TCP, socket mailbox, reaper).
+        max_idle = std::min<size_t>(1024, static_cast<size_t>(r.rlim_cur) / 8);
+        std::thread(&link_pool::sweeper, this).detach();
+    }
     // An idle link to key, or false.
     bool take(const std::string& key, board_link& out) {
         std::lock_guard<std::mutex> g(lock);
@@ -89,21 +107,33 @@ public:
         return true;
     }
     void give(const std::string& key, board_link l) {
-        std::vector<board_link> stale;
         {
             std::lock_guard<std::mutex> g(lock);
-            const auto now = clock_type::now();
-            if (idle.size() < max_idle) {
-                l.idle_since = now;
+            if (idle.size() < max_idle && idle.count(key) < max_per_key) {
+                l.idle_since = clock_type::now();
                 idle.emplace(key, l);
-            } else {
-                stale.push_back(l);
+                return;
             }
-            // Links of boards no longer probed are let go.
-            if (now - last_sweep > std::chrono::seconds(10)) {
-                last_sweep = now;
+        }
+        close_link(l);
+    }
+    std::atomic<int64_t> idle_ms{120000};
+    std::atomic<bool> trim_wanted{false};  // a failed link may have held much memory
+
+private:
+    [[noreturn]] void sweeper() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        for (;;) {
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(std::clamp<int64_t>(idle_ms / 4, 10, 1000)));
+            std::vector<board_link> stale;
+            {
+                std::lock_guard<std::mutex> g(lock);
+                const auto oldest = clock_type::now() - std::chrono::milliseconds(idle_ms);
                 for (auto it = idle.begin(); it != idle.end();) {
-                    if (now - it->second.idle_since > max_idle_time) {
+                    if (it->second.idle_since < oldest) {
                         stale.push_back(it->second);
                         it = idle.erase(it);
                     } else {
@@ -111,23 +141,26 @@ public:
                     }
                 }
             }
-        }
-        for (board_link& s : stale) {
-            close_link(s);
+            for (board_link& l : stale) {
+                close_link(l);
+            }
+            // libzmq frees a dropped link's queued parts on its own thread;
+            // the heap they grew is handed back here, not at each probe.
+            if (trim_wanted.exchange(false)) {
+                malloc_trim(0);
+            }
         }
     }
-
-private:
-    static constexpr size_t max_idle = 4096;
-    static constexpr std::chrono::seconds max_idle_time{120};
+    static constexpr size_t max_per_key = 4;
+    size_t max_idle = 1024;
     std::mutex lock;
     std::unordered_multimap<std::string, board_link> idle;
-    clock_type::time_point last_sweep = clock_type::now();
 };
 
 link_pool& pool() {
-    static link_pool p;
-    return p;
+    // Never destroyed: its timer thread runs until the process ends.
+    static link_pool* p = new link_pool;
+    return *p;
 }
 
 // Which links may serve a target: same endpoint, same keys.
@@ -148,6 +181,8 @@ probe_session::~probe_session() {
         pool().give(link_key(target), link);
     } else {
         close_link(link);
+        pool().trim_wanted =
+            pool().trim_wanted || reason == reason_timeout || reason == reason_malformed;
     }
 }
 
@@ -167,6 +202,14 @@ int probe_session::open_link() {
     }
     int zero = 0;
     zmq_setsockopt(sock, ZMQ_LINGER, &zero, sizeof zero);
+    // A frame longer than one packet drops the link before it is held in
+    // memory. A multi-part reply without end is bounded by the probe's
+    // deadline only: libzmq keeps a message's parts until its last one.
+    int64_t max_frame = max_reply_frame;
+    zmq_setsockopt(sock, ZMQ_MAXMSGSIZE, &max_frame, sizeof max_frame);
+    // A daemon greets at once: a peer that has not finished the handshake
+    // within this is not one (libzmq's default waits 30 s).
+    zmq_setsockopt(sock, ZMQ_HANDSHAKE_IVL, &handshake_ms, sizeof handshake_ms);
     if (target.keys.on()) {
         const curve_keys& k = target.keys;
         if (zmq_setsockopt(sock, ZMQ_CURVE_SERVERKEY, k.server_public.c_str(), 41) != 0 ||
@@ -220,7 +263,9 @@ void probe_session::read_monitor() {
     if (zmq_msg_recv(&head, mon, ZMQ_DONTWAIT) >= 6 && zmq_msg_more(&head) &&
         zmq_msg_recv(&addr, mon, ZMQ_DONTWAIT) >= 0) {
         uint16_t event;
+        uint32_t value;
         memcpy(&event, zmq_msg_data(&head), sizeof event);
+        memcpy(&value, static_cast<uint8_t*>(zmq_msg_data(&head)) + 2, sizeof value);
         if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
             handshake_done = true;
         } else if (event == ZMQ_EVENT_CONNECT_RETRIED) {
@@ -232,6 +277,9 @@ void probe_session::read_monitor() {
                 fail(reason_refused, target.endpoint + " closed the connection in the handshake");
             }
             handshake_done = false;
+        } else if (event == ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL && value == EAGAIN) {
+            fail(reason_handshake, "no ZeroMQ handshake from " + target.endpoint + " within " +
+                                       std::to_string(handshake_ms) + " ms: not a vireo-monitor");
         } else {
             fail(reason_refused, "handshake with " + target.endpoint +
                                      " refused (key not accepted, wrong server key or security "
@@ -252,12 +300,14 @@ int probe_session::read_reply() {
             zmq_msg_close(&msg);
             return -1;
         }
-        // 1024 parts: a multi-packet reply of 8 MiB; the rest is dropped.
-        if (parts.size() < 1026) {
+        // The envelope's two parts and max_file_packets packets; the rest is
+        // dropped.
+        if (parts.size() < 2 + max_file_packets) {
             const uint8_t* d = static_cast<const uint8_t*>(zmq_msg_data(&msg));
             parts.emplace_back(d, d + zmq_msg_size(&msg));
         } else {
-            fail(reason_malformed, "reply of more than 1024 parts");
+            fail(reason_malformed,
+                 "reply of more than " + std::to_string(max_file_packets) + " packets");
         }
         more = zmq_msg_more(&msg);
         zmq_msg_close(&msg);
@@ -360,6 +410,8 @@ const char* reason_text(probe_reason r) {
             return "malformed";
         case reason_error:
             return "error";
+        case reason_handshake:
+            return "handshake";
         default:
             return "";
     }
@@ -477,4 +529,8 @@ void* probe_context() {
         return c;
     }();
     return ctx;
+}
+
+void set_link_idle_time(double seconds) {
+    pool().idle_ms = static_cast<int64_t>(seconds * 1000);
 }
