@@ -1,11 +1,17 @@
 // The text exposition format's writer and name helpers.
 #include <charconv>
+#include <cmath>
 
 #include "exporter.h"
 
 namespace {
 
 void append_value(std::string& out, double v) {
+    // The text format's spellings; to_chars would write "inf" and "nan".
+    if (!std::isfinite(v)) {
+        out += std::isnan(v) ? "NaN" : v > 0 ? "+Inf" : "-Inf";
+        return;
+    }
     char buf[64];
     auto r = std::to_chars(buf, buf + sizeof buf, v);
     out.append(buf, r.ptr);

@@ -1,0 +1,15 @@
+// `vireo-client profile`'s reader of one sample reply ("TID\tNAME\tHELD_US\t
+// STACK" lines), add_sample in tools/client/profile.cpp. It is file-local
+// there, so its file is compiled into this target as it is.
+#include "../tools/client/profile.cpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::map<std::string, long> counts;
+    long stacks = 0;
+    add_sample(std::string(reinterpret_cast<const char*>(data), size), counts, stacks);
+    long sum = 0;
+    for (const auto& [stack, n] : counts) sum += n;
+    if (sum != stacks)
+        __builtin_trap();
+    return 0;
+}
