@@ -72,6 +72,7 @@ void serve(zmtp_fake& z, int fd) {
         !write_all(fd, frame(ready, false, true)))
         return;
     while (read_message(fd, env, z.stop)) {
+        z.messages++;
         if (z.m == zmtp_fake::mute) continue;
         std::string out;
         for (const std::string& e : env) out += frame(e, true);
@@ -99,16 +100,20 @@ zmtp_fake::zmtp_fake(mode mode_, const char* socket_type) : m(mode_), type(socke
     getsockname(listen_fd, reinterpret_cast<sockaddr*>(&a), &len);
     ep = "tcp://127.0.0.1:" + std::to_string(ntohs(a.sin_port));
     th = std::thread([this] {
+        std::vector<std::thread> conns;
         while (!stop) {
             pollfd p{listen_fd, POLLIN, 0};
             if (poll(&p, 1, 100) == 1) {
                 int fd = accept(listen_fd, nullptr, nullptr);
                 timeval t{1, 0};  // a peer that stops reading ends the stream
                 setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &t, sizeof t);
-                serve(*this, fd);
-                close(fd);
+                conns.emplace_back([this, fd] {
+                    serve(*this, fd);
+                    close(fd);
+                });
             }
         }
+        for (std::thread& c : conns) c.join();
     });
 }
 

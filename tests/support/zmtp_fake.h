@@ -15,7 +15,7 @@ struct zmtp_fake {
         mute,           // a ZeroMQ peer that reads requests and never answers
     };
     // Listens on a free 127.0.0.1 port as socket_type ("ROUTER" for a DEALER
-    // peer, "REP" for a REQ one); serves one connection at a time.
+    // peer, "REP" for a REQ one); each connection on a thread of its own.
     zmtp_fake(mode m, const char* socket_type);
     ~zmtp_fake();
     std::string ep;
@@ -23,5 +23,6 @@ struct zmtp_fake {
     std::string type;
     int listen_fd = -1;
     std::atomic<bool> stop{false};
+    std::atomic<int> messages{0};  // requests read
     std::thread th;
 };
