@@ -220,6 +220,43 @@ int usage_error(const std::string& why) {
     return exit_usage;
 }
 
+// /probe, /metrics and an index page.
+void add_routes(http_front& svr, const exporter_config& cfg) {
+    // Headers and body go out in separate writes: no Nagle delay between them.
+    svr.set_tcp_nodelay(true);
+    svr.set_payload_max_length(0);  // GET only: no request body is read
+    svr.Get("/probe", [&cfg](const httplib::Request& req, httplib::Response& res) {
+        std::string target = req.get_param_value("target"), err;
+        target_conf conf;
+        if (target.empty() || resolve_target(cfg, target, conf, err) != 0) {
+            res.status = 400;
+            res.set_content((target.empty() ? "no target given" : err) + "\n", "text/plain");
+            return;
+        }
+        double timeout = probe_timeout(req, cfg.timeout_s);
+        if (timeout < 0) {
+            res.status = 400;
+            res.set_content(
+                "X-Prometheus-Scrape-Timeout-Seconds is not a number of seconds up to 86400\n",
+                "text/plain");
+            return;
+        }
+        probe_result r;
+        run_probe(conf, timeout, r, http_front::current_fd());
+        record(conf.label, r);
+        send_page(req, res, r.text);
+    });
+    svr.Get("/metrics", [](const httplib::Request& req, httplib::Response& res) {
+        send_page(req, res, own_metrics());
+    });
+    svr.Get("/", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(
+            "vireo-exporter\n  /probe?target=tcp://HOST:PORT  one board's figures\n"
+            "  /metrics                       the exporter's own figures\n",
+            "text/plain");
+    });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -272,39 +309,7 @@ int main(int argc, char** argv) {
     mallopt(M_MMAP_THRESHOLD, 1024 * 1024);
 
     http_front svr;
-    // Headers and body go out in separate writes: no Nagle delay between them.
-    svr.set_tcp_nodelay(true);
-    svr.set_payload_max_length(0);  // GET only: no request body is read
-    svr.Get("/probe", [&cfg](const httplib::Request& req, httplib::Response& res) {
-        std::string target = req.get_param_value("target"), err;
-        target_conf conf;
-        if (target.empty() || resolve_target(cfg, target, conf, err) != 0) {
-            res.status = 400;
-            res.set_content((target.empty() ? "no target given" : err) + "\n", "text/plain");
-            return;
-        }
-        double timeout = probe_timeout(req, cfg.timeout_s);
-        if (timeout < 0) {
-            res.status = 400;
-            res.set_content(
-                "X-Prometheus-Scrape-Timeout-Seconds is not a number of seconds up to 86400\n",
-                "text/plain");
-            return;
-        }
-        probe_result r;
-        run_probe(conf, timeout, r, http_front::current_fd());
-        record(conf.label, r);
-        send_page(req, res, r.text);
-    });
-    svr.Get("/metrics", [](const httplib::Request& req, httplib::Response& res) {
-        send_page(req, res, own_metrics());
-    });
-    svr.Get("/", [](const httplib::Request&, httplib::Response& res) {
-        res.set_content(
-            "vireo-exporter\n  /probe?target=tcp://HOST:PORT  one board's figures\n"
-            "  /metrics                       the exporter's own figures\n",
-            "text/plain");
-    });
+    add_routes(svr, cfg);
     if (svr.listen_on(host, port, why) != 0) {
         fprintf(stderr, "vireo-exporter: %s\n", why.c_str());
         return exit_listen;

@@ -387,6 +387,52 @@ int32_t status_of(const request& r) {
     return r.reply.header().msg_len < 0 ? r.reply.header().msg_len : 0;
 }
 
+// A system file's request, and the collector of its reply.
+struct source {
+    const collector& c;
+    size_t idx = SIZE_MAX;
+};
+
+// Per process: the indexes of its pidfile, status and stat requests.
+struct proc_reqs {
+    size_t pidfile = SIZE_MAX, status = SIZE_MAX, stat = SIZE_MAX;
+    uint32_t pid = 0;
+};
+
+// The families of a board that answered: each file's status, what its
+// collector reads from it, and the named processes.
+void render_board(const probe_session& s, const source (&sources)[4],
+                  const std::vector<proc_reqs>& procs, metric_writer& w) {
+    const target_conf& t = s.target;
+    w.family("vireo_command_status", "gauge",
+             "Status the board answered for each system file: 0, or its negative error code.");
+    for (const source& src : sources) {
+        if (src.idx != SIZE_MAX) {
+            w.sample("vireo_command_status", {{"command", src.c.name}}, status_of(s.reqs[src.idx]));
+        }
+    }
+    for (const source& src : sources) {
+        if (src.idx == SIZE_MAX || status_of(s.reqs[src.idx]) != 0) {
+            continue;
+        }
+        src.c.render(s.reqs[src.idx].reply.payload, t.user_hz, w);
+    }
+    std::vector<process_sample> samples;
+    for (size_t i = 0; i < procs.size(); i++) {
+        process_sample p;
+        p.name = t.processes[i].name;
+        p.pid = procs[i].pid;
+        const proc_reqs& r = procs[i];
+        if (r.status != SIZE_MAX && s.reqs[r.status].done && s.reqs[r.stat].done &&
+            status_of(s.reqs[r.status]) == 0 && status_of(s.reqs[r.stat]) == 0) {
+            parse_process(s.reqs[r.status].reply.payload, s.reqs[r.stat].reply.payload, t.user_hz,
+                          p);
+        }
+        samples.push_back(p);
+    }
+    render_processes(samples, w);
+}
+
 }  // namespace
 
 void close_link(board_link& l) {
@@ -421,18 +467,10 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out, int cl
     const auto start = clock_type::now();
     probe_session s(t, start + std::chrono::microseconds(static_cast<int64_t>(timeout_s * 1e6)));
     s.client_fd = client_fd;
-    struct source {
-        const collector& c;
-        size_t idx = SIZE_MAX;
-    } sources[] = {{system_collectors[0]},
-                   {system_collectors[1]},
-                   {system_collectors[2]},
-                   {system_collectors[3]}};
-    // Per process: the indexes of its pidfile, status and stat requests.
-    struct proc_reqs {
-        size_t pidfile = SIZE_MAX, status = SIZE_MAX, stat = SIZE_MAX;
-        uint32_t pid = 0;
-    };
+    source sources[] = {{system_collectors[0]},
+                        {system_collectors[1]},
+                        {system_collectors[2]},
+                        {system_collectors[3]}};
     std::vector<proc_reqs> procs(t.processes.size());
     const bool per_process = t.cmds.process_status.set && t.cmds.process_stat.set;
     auto ask_process = [&](proc_reqs& p) {
@@ -479,34 +517,7 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out, int cl
         w.sample("vireo_up", {{"reason", reason_text(s.reason)}}, 0);
     }
     if (s.reason == reason_none || s.reason == reason_error) {
-        w.family("vireo_command_status", "gauge",
-                 "Status the board answered for each system file: 0, or its negative error code.");
-        for (const source& src : sources) {
-            if (src.idx != SIZE_MAX) {
-                w.sample("vireo_command_status", {{"command", src.c.name}},
-                         status_of(s.reqs[src.idx]));
-            }
-        }
-        for (const source& src : sources) {
-            if (src.idx == SIZE_MAX || status_of(s.reqs[src.idx]) != 0) {
-                continue;
-            }
-            src.c.render(s.reqs[src.idx].reply.payload, t.user_hz, w);
-        }
-        std::vector<process_sample> samples;
-        for (size_t i = 0; i < procs.size(); i++) {
-            process_sample p;
-            p.name = t.processes[i].name;
-            p.pid = procs[i].pid;
-            const proc_reqs& r = procs[i];
-            if (r.status != SIZE_MAX && s.reqs[r.status].done && s.reqs[r.stat].done &&
-                status_of(s.reqs[r.status]) == 0 && status_of(s.reqs[r.stat]) == 0) {
-                parse_process(s.reqs[r.status].reply.payload, s.reqs[r.stat].reply.payload,
-                              t.user_hz, p);
-            }
-            samples.push_back(p);
-        }
-        render_processes(samples, w);
+        render_board(s, sources, procs, w);
     }
     out.reason = s.reason;
     out.why = s.why;
