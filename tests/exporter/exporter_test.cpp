@@ -181,11 +181,12 @@ TEST(exporter, down_target_does_not_delay_others) {
     } rows[] = {{"tcp://127.0.0.1:" + std::to_string(free_port()), "refused"},
                 {mute.ep, "timeout"},
                 {"odd", "error"},
-                {not_zmq.ep, "handshake"}};
+                {not_zmq.ep, "handshake"},
+                {"tcp://127.0.0.1:" + std::to_string(e.port), "handshake"}};
     for (auto& r : rows) {
-        auto down = std::async(std::launch::async, [&] { return e.probe(r.target, "1.5"); });
+        auto down = std::async(std::launch::async, [&] { return e.probe(r.target, "2"); });
         usleep(100000);
-        string live = e.probe(b.ep, "1.5");
+        string live = e.probe(b.ep, "2");
         bool down_still_running =
             down.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
         string text = down.get();
@@ -201,7 +202,7 @@ TEST(exporter, down_target_does_not_delay_others) {
                              "\",reason=\"timeout\"}"),
               1)
         << own;
-    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + b.ep + "\"}"), 4) << own;
+    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + b.ep + "\"}"), 5) << own;
 }
 
 TEST(exporter, prometheus_scrapes_two_boards) {
