@@ -15,6 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -191,12 +192,13 @@ void dispatch(work_queue& q, const http_limits& l, conn&& c) {
 }
 
 // New connections; past an address's or the total share of connections
-// still sending their header, the oldest such connection is closed.
-void accept_new(int listen_fd, const http_limits& l, std::list<conn>& pending) {
+// still sending their header, the oldest such connection is closed. Returns
+// -1 when the process is out of descriptors.
+int accept_new(int listen_fd, const http_limits& l, std::list<conn>& pending) {
     for (int i = 0; i < 64; i++) {
         int fd = accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            return;
+            return errno == EMFILE || errno == ENFILE ? -1 : 0;
         }
         conn c;
         c.fd = fd;
@@ -216,6 +218,7 @@ void accept_new(int listen_fd, const http_limits& l, std::list<conn>& pending) {
         }
         pending.push_back(std::move(c));
     }
+    return 0;
 }
 
 }  // namespace
@@ -268,8 +271,12 @@ int http_front::run(const http_limits& l) {
     std::list<conn> pending;
     int rc = 0;
     std::vector<pollfd> fds;
+    // Out of descriptors, a waiting connection stays readable: it is left
+    // in the backlog for a while instead of being polled in a busy loop.
+    auto accept_paused_until = clock_type::now();
     while (!stopping) {
-        fds.assign({{listen_fd, POLLIN, 0}, {wake[0], POLLIN, 0}});
+        short accepting = clock_type::now() < accept_paused_until ? 0 : POLLIN;
+        fds.assign({{listen_fd, accepting, 0}, {wake[0], POLLIN, 0}});
         for (const conn& c : pending) {
             fds.push_back({c.fd, POLLIN, 0});
         }
@@ -290,8 +297,8 @@ int http_front::run(const http_limits& l) {
             }
             it = got == 0 ? std::next(it) : pending.erase(it);
         }
-        if (fds[0].revents & POLLIN) {
-            accept_new(listen_fd, l, pending);
+        if ((fds[0].revents & POLLIN) && accept_new(listen_fd, l, pending) != 0) {
+            accept_paused_until = now + std::chrono::milliseconds(100);
         }
     }
     for (conn& c : pending) {
