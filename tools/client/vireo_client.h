@@ -59,9 +59,10 @@ struct client_reply {
 // Checks the parts of one reply to the request (command, sub_command) and
 // fills out. Returns 0, or client_malformed with the reason in why: more
 // than max_reply_packets parts, a part over max_reply_frame bytes, a
-// single-packet msg_len over max_reply_payload, a part shorter than 12 bytes, shorter than msg_len
-// + 48 (a negative msg_len needs max(12, msg_len + 48) bytes), a reply to another command, or
-// packets of a multi-packet reply that do not add up.
+// single-packet msg_len over max_reply_payload, a part shorter than 12
+// bytes, shorter than msg_len + 48 (a negative msg_len needs max(12,
+// msg_len + 48) bytes), a reply to another command, or packets of a
+// multi-packet reply that do not add up.
 int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command,
                 uint32_t sub_command, client_reply& out, std::string& why);
 

@@ -32,7 +32,7 @@ const char usage_text[] =
     "  --listen ADDR:PORT  HTTP address to serve /probe and /metrics on\n"
     "  --probe.allow LIST  tcp:// targets that may be probed: networks, addresses\n"
     "                      and host names, comma-separated (10.0.0.0/8,board.lan);\n"
-    "                      without it any tcp://HOST:PORT may be\n"
+    "                      without it, any tcp://HOST:PORT is\n"
     "  -c FILE             exporter configuration (JSON): keys, commands, processes,\n"
     "                      named targets; without it tcp:// targets are probed in\n"
     "                      plaintext with the demo configuration's commands\n"
