@@ -16,7 +16,7 @@
 namespace {
 
 // A reply of more parts than this is not the daemon's (8 MiB of packets).
-constexpr size_t max_parts = 1024;
+constexpr size_t max_parts = max_reply_packets;
 // How long one wait for the socket lasts before the stop flag is looked at.
 constexpr int poll_slice_ms = 100;
 // The most the closing connect() of a failed connection may take.
@@ -159,6 +159,11 @@ int client_conn::open(std::string& why) {
     int linger = 0;
     zmq_setsockopt(sock, ZMQ_LINGER, &linger, sizeof linger);
     zmq_setsockopt(sock, ZMQ_SNDTIMEO, &timeout_ms, sizeof timeout_ms);
+    // A longer frame drops the connection before it is held in memory. A
+    // multi-part reply without end is bounded by the timeout only: libzmq
+    // keeps the parts of a message until its last one.
+    int64_t max_frame = max_reply_frame;
+    zmq_setsockopt(sock, ZMQ_MAXMSGSIZE, &max_frame, sizeof max_frame);
     if (keys.curve() &&
         (zmq_setsockopt(sock, ZMQ_CURVE_SERVERKEY, keys.server_public.data(), 40) != 0 ||
          zmq_setsockopt(sock, ZMQ_CURVE_PUBLICKEY, keys.public_key.data(), 40) != 0 ||

@@ -172,29 +172,6 @@ int load_keys(const profile_options& o, client_keys& keys) {
     return client_exit::ok;
 }
 
-// Adds one sample reply ("TID\tNAME\tHELD_US\tSTACK" lines) to the counts.
-// False when a line does not have that shape.
-bool add_sample(const std::string& text, std::map<std::string, long>& counts, long& stacks) {
-    size_t at = 0;
-    while (at < text.size()) {
-        size_t end = text.find('\n', at);
-        if (end == std::string::npos)
-            end = text.size();
-        size_t tab = at;
-        for (int k = 0; k < 3 && tab != std::string::npos; k++)
-            tab = text.find('\t', tab + (k > 0));
-        if (tab == std::string::npos || tab >= end)
-            return text.compare(at, 14, "... truncated\n") == 0;
-        std::string stack = text.substr(tab + 1, end - tab - 1);
-        if (!stack.empty()) {
-            counts[stack]++;
-            stacks++;
-        }
-        at = end + 1;
-    }
-    return true;
-}
-
 // One sample request; -1 to go on, else the exit status that ends sampling.
 int take_sample(client_conn& conn, const profile_options& o, const std::vector<uint8_t>& payload,
                 samples& s, bool progress) {

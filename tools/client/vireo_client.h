@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,11 @@ constexpr int client_interrupted = -4;  // a signal ended the wait
 constexpr uint32_t client_id_command = 0xEAEA;
 constexpr uint32_t take_id_sub = 1;
 constexpr uint32_t return_id_sub = 2;
+
+// Adds one probe_sample reply ("TID\tNAME\tHELD_US\tSTACK" lines) to the
+// folded-stack counts, and the stacks added to stacks. False when a line does
+// not have that shape.
+bool add_sample(const std::string& text, std::map<std::string, long>& counts, long& stacks);
 
 // CURVE keys of a client, 40-character Z85 texts; all empty for plaintext.
 struct client_keys {
