@@ -89,7 +89,7 @@ private:
     void* socket = nullptr;   // ZMQ_ROUTER on TCP
     void* workers = nullptr;  // ZMQ_DEALER (ZMQ_ROUTER behind CURVE) on inproc://workers
     std::vector<comm_data*> comm_list;
-    std::mutex comm_list_lock;  // five workers register at the same moment
+    std::mutex comm_list_lock;       // five workers register at the same moment
     std::atomic<int> registered{0};  // comm_list's size, read by the queue unlocked
 
 public:
@@ -108,7 +108,7 @@ public:
     // connections that have not finished their handshake in 3 s, drops
     // peers silent to heartbeats for 30 s, and bounds the messages queued
     // per peer; with curve_secret it is a CURVE server. Returns 0, or -1 (context), -2 (router socket or one of its
-    // options), -3 (TCP bind, also for a port outside 0..65535), -4 (dealer
+    // options), -3 (TCP bind, also for a port outside 0..65535), -4 (workers'
     // socket). What was made before a failure stays.
     int listen_connect();
 

@@ -94,7 +94,9 @@ int forward(void* from, void* to, bool user_id, connection_guard* guard) {
 }
 
 // The routing id of the index'th worker's socket on the queue's router.
-std::string worker_id(int index) { return "worker-" + std::to_string(index); }
+std::string worker_id(int index) {
+    return "worker-" + std::to_string(index);
+}
 
 // Passes one worker's reply on to its client; the worker is idle again.
 // 1, 0 when no reply waits, -1 when a socket fails.
