@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,10 +38,18 @@ bool sysctl_write(const char* path, const std::string& v) {
 // Sets the kernel's core handler to ours for the life of the object. A
 // watcher process, out of the test's process group, puts the old values
 // back when the pipe to it closes: on destruction, or when the test process
-// dies in any way.
+// dies in any way. A lock file held by both (the watcher until it has put
+// them back) makes test processes of other build trees wait their turn, so
+// none saves another's handler as the value to restore.
 class core_pattern_override {
 public:
     explicit core_pattern_override(const std::string& pattern) {
+        lock = open("/tmp/vireo-core-pattern.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        int tries = 0;
+        while (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) != 0 && ++tries < 3000)
+            usleep(100 * 1000);  // 300 s at most
+        if (lock < 0 || tries == 3000)
+            return;
         old_pattern = sysctl_read(pattern_file);
         old_limit = sysctl_read(limit_file);
         int p[2];
@@ -68,6 +77,8 @@ public:
         int st;
         if (watcher > 0)
             waitpid(watcher, &st, 0);
+        if (lock >= 0)
+            close(lock);
     }
     bool ok = false;
 
@@ -76,7 +87,7 @@ private:
     static constexpr const char* limit_file = "/proc/sys/kernel/core_pipe_limit";
     std::string old_pattern, old_limit;
     pid_t watcher = -1;
-    int hold = -1;
+    int hold = -1, lock = -1;
 };
 
 // Runs argv with stdin from the file in, waits; the exit status.
