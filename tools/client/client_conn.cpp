@@ -180,7 +180,16 @@ int client_conn::open(std::string& why) {
         return client_comm_error;
     }
     if (zmq_connect(sock, endpoint.c_str()) != 0) {
-        why = "cannot connect to " + endpoint + ": " + zmq_strerror(errno);
+        // libzmq says only "Invalid argument" for an address without its
+        // transport, the commonest slip.
+        if (endpoint.find("://") == std::string::npos) {
+            why =
+                "endpoint \"" + endpoint + "\" needs the form tcp://HOST:PORT" +
+                (endpoint.find(':') != std::string::npos ? " (did you mean tcp://" + endpoint + "?)"
+                                                         : "");
+        } else {
+            why = "cannot connect to " + endpoint + ": " + zmq_strerror(errno);
+        }
         close_socket();
         return client_bad_input;
     }
