@@ -92,6 +92,10 @@ TEST(client_failures, each_has_its_message_and_status) {
     EXPECT_TRUE(stat((d + "/alice.key").c_str(), &st) == 0 && (st.st_mode & 0777) == 0600) << std::oct << st.st_mode;
     EXPECT_TRUE(made.out.size() == 41 && alice_pub.substr(alice_pub.find('\n') + 1) == made.out) << alice_pub << made.out;
     expect_run("keygen " + d + "/alice", 74, "", d + "/alice.key exists already");
+    // Missing folders are made, 0700 as ~/.ssh is; ~ the shell left is the home.
+    run_result nested = run_client("keygen '~/.config/vireo/me'", "env HOME=" + d);
+    EXPECT_TRUE(nested.status == 0 && stat((d + "/.config").c_str(), &st) == 0 && (st.st_mode & 0777) == 0700 &&
+                read_text_file(d + "/.config/vireo/me.pub").find(nested.out) != string::npos) << nested.err << std::oct << st.st_mode;
     EXPECT_EQ(read_text_file(d + "/alice.key") + read_text_file(d + "/alice.pub"), alice_sec + alice_pub);
     const string alice_key = alice_pub.substr(alice_pub.find('\n') + 1, 40);
     curve_server secure(alice_key);
