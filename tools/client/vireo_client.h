@@ -91,6 +91,10 @@ private:
     int fail(const char* call, int err, std::string& why);
 };
 
+// 0 when endpoint names its transport (tcp://HOST:PORT), else
+// client_bad_input with why.
+int check_endpoint(const std::string& endpoint, std::string& why);
+
 // One command of the configuration files.
 struct client_cmd {
     std::string cls;     // "class" of its group
