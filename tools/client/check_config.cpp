@@ -570,7 +570,7 @@ bool checker::credential(const std::string& from, std::string& path) {
     }
     const bool readable = access(host.c_str(), R_OK) == 0;
     warning(from, only + ": LoadCredential= in " + unit_file + " copies \"" + host + "\" there, " +
-                      (readable ? "checked instead" : "which this user cannot read (root can)"));
+                      (readable ? "checked instead" : "which this user cannot read (check it as root)"));
     path = host;
     return readable;
 }
