@@ -184,12 +184,28 @@ int client_conn::open(std::string& why) {
         close_socket();
         return client_comm_error;
     }
+    if (check_endpoint(endpoint, why) != 0) {
+        close_socket();
+        return client_bad_input;
+    }
     if (zmq_connect(sock, endpoint.c_str()) != 0) {
         why = "cannot connect to " + endpoint + ": " + zmq_strerror(errno);
         close_socket();
         return client_bad_input;
     }
     return 0;
+}
+
+int check_endpoint(const std::string& endpoint, std::string& why) {
+    // libzmq says only "Invalid argument" for an address without its
+    // transport, the commonest slip.
+    if (endpoint.find("://") != std::string::npos) {
+        return 0;
+    }
+    why =
+        "endpoint \"" + endpoint + "\" needs the form tcp://HOST:PORT" +
+        (endpoint.find(':') != std::string::npos ? " (did you mean tcp://" + endpoint + "?)" : "");
+    return client_bad_input;
 }
 
 int client_conn::fail(const char* call, int err, std::string& why) {

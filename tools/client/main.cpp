@@ -82,6 +82,9 @@ bool needs_names(const options& o) {
 
 // --list, or a request sent once or in rounds; the exit status.
 int run_request(options& o) {
+    if (std::string why; !o.endpoint.empty() && check_endpoint(o.endpoint, why) != 0) {
+        return usage_error(why);
+    }
     config_state c;
     int rc = load_config(o, c);
     if (!c.loaded && needs_names(o) && load_board_table(o, c)) {

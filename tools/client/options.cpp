@@ -14,9 +14,9 @@ const char usage_text[] =
     "       vireo-client profile ...  |  vireo-client check-config MAIN.json\n"
     "       vireo-client symbolize [--debug-dir DIR]... [--debuginfod URL] [FILE]\n"
     "REQUEST:\n"
-    "  CODE SUB [--pid N | --byte N | --hex HEXBYTES]\n"
+    "  CODE SUB [--pid N [--tid T] | --byte N | --hex HEXBYTES]\n"
     "                   command code and sub-command in hex (\"0x10\", \"10\")\n"
-    "  CLASS.NAME [--pid N | --byte N | --hex HEXBYTES]\n"
+    "  CLASS.NAME [--pid N [--tid T] | --byte N | --hex HEXBYTES]\n"
     "                   a command by name from the configuration\n"
     "  take-id          take a client id and print it in decimal\n"
     "  return-id N      give client id N (0..255) back\n"
@@ -35,6 +35,7 @@ const char usage_text[] =
     "  --key FILE       this client's CURVE secret key file (BASE.key)\n"
     "  --list           print every configured command with code, id, kind, target\n"
     "  --pid N          payload: process id N as 4 little-endian bytes (decimal)\n"
+    "  --tid T          with --pid: thread id T as 4 more bytes (payload bytes 4..7)\n"
     "  --byte N         payload: one byte N (decimal, 0..255)\n"
     "  --hex HEXBYTES   payload: these bytes, e.g. e8030000\n"
     "  -v, --verbose    print the reply header on stderr\n"
@@ -60,7 +61,7 @@ const option_def option_defs[] = {
     {"--server-key", "", true, true}, {"--key", "", true, true},
     {"-h", "--help", false, false},   {"-v", "--verbose", false, false},
     {"--json", "", false, false},     {"--list", "", false, false},
-    {"--version", "", false, false},
+    {"--version", "", false, false},  {"--tid", "", true, false},
 };
 
 // True when b is a one edit away from a: a character inserted, deleted or
@@ -151,7 +152,15 @@ bool set_value(const std::string& a, const std::string& v, options& o, std::stri
         }
         o.count = static_cast<long>(n);
     } else if (a == "--pid" || a == "--byte") {
+        o.pid_given = o.pid_given || a == "--pid";
         return set_number_payload(a, v, o, why);
+    } else if (a == "--tid") {
+        if (!parse_ulong(v, 0xFFFFFFFFul, n)) {
+            why = "--tid needs a decimal thread id, not \"" + v + "\"";
+            return false;
+        }
+        o.tid_given = true;
+        o.tid = static_cast<uint32_t>(n);
     } else if (a == "--hex") {
         o.payload.clear();
         if (!parse_hex_bytes(v, o.payload)) {
@@ -178,6 +187,8 @@ int check_together(const options& o, std::string& why) {
     }
     if (o.payload_opts > 1) {
         why = "--pid, --byte and --hex exclude each other";
+    } else if (o.tid_given && !o.pid_given) {
+        why = "--tid needs --pid: the thread id follows the process id";
     } else if (o.list && !o.args.empty()) {
         why = "--list takes no request";
     } else if (!o.list && o.args.empty()) {
@@ -261,7 +272,14 @@ int parse_args(int argc, char** argv, options& o, std::string& why) {
             return -1;
         }
     }
-    return check_together(o, why);
+    if (check_together(o, why) != 0) {
+        return -1;
+    }
+    if (o.tid_given) {
+        o.payload.resize(8);
+        u32_to_u8(o.tid, o.payload.data() + 4);
+    }
+    return 0;
 }
 
 int usage_error(const std::string& why) {
