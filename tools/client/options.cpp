@@ -127,7 +127,8 @@ bool set_number_payload(const std::string& a, const std::string& v, options& o, 
     const bool pid = a == "--pid";
     // Anything that cannot start a number is a process name.
     const unsigned char first = v.empty() ? '0' : static_cast<unsigned char>(v[0]);
-    if (a == "--name" || (pid && !isdigit(first) && !isspace(first) && first != '-' && first != '+')) {
+    if (a == "--name" ||
+        (pid && !isdigit(first) && !isspace(first) && first != '-' && first != '+')) {
         return set_pid_name(a, v, o, why);
     }
     unsigned long n = 0;
