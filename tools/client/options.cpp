@@ -20,7 +20,7 @@ const char usage_text[] =
     "                   command code and sub-command in hex (\"0x10\", \"10\")\n"
     "  CLASS.NAME [--pid N | --byte N | --hex HEXBYTES]\n"
     "                   a command by name from the configuration\n"
-    "  ps [PATTERN]     the board's processes (pid, parent, state, name, command line)\n"
+    "  ps [PATTERN]     the board's processes: pid, parent, state, name, command\n"
     "  take-id          take a client id and print it in decimal\n"
     "  return-id N      give client id N (0..255) back\n"
     "keygen BASE        write a CURVE key pair: BASE.key (secret, mode 0600) and\n"
