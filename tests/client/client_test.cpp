@@ -55,6 +55,11 @@ TEST(client_e2e, against_the_daemon) {
         {c + "demo.odd", 64, "", "no command named demo.odd in " + main_json + "\n"},
         {c + "demo.dat", 64, "", "no command named demo.dat in " + main_json + " (did you mean demo.data?)\n"},
         {e + "10 3 --pid 1 --byte 2", 64, "", "exclude each other"},
+        {e + "10 3 --pid 1 --name x", 64, "", "--pid, --name, --byte and --hex exclude each other"},
+        {e + "ps --pid 1", 64, "", "ps takes none of --pid"},
+        {e + "10 3 --pid 1x", 64, "", "--pid needs a decimal number, not \"1x\""},
+        {e + "ps", 1, "", "ps: process list 0x30 0x10: error -22 (unknown command or sub-command)"},  // no table: the usual place
+        {e + "10 3 --pid app", 1, "", "app: process list 0x30 0x10: error -22"},
         {"-c " + d + "/absent.json demo.data", 78, "", "cannot open"},
         {c + "profile --pid 7 --rate 20 --duration 0.01 --command 10 3", 0, "main;work 1\n", ""},  // one sample: the next is due after the end
         {c + "--list", 0, "NAME                     CODE       ID         KIND      TARGET\n"

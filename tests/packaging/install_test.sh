@@ -82,7 +82,8 @@ cases=(
   "example plug-in (pkg-config)|0x40 2|near $up"
   "the board's command table, read by the describe plug-in|0xDE5C 1|grep -qP '^0x40\t0x1\tcustom\texample\tuptime\t/'"
 )
-grep -q probe "$tmp/main.json" && cases+=("probe plug-in from the plug-in folder|0x30 1 --pid $$|grep -qP '^$$\t'")
+grep -q probe "$tmp/main.json" && cases+=("probe plug-in from the plug-in folder|0x30 1 --pid $$|grep -qP '^$$\t'"
+  "the installed process list|0x30 10|grep -qP '^$$\t'")
 for c in "${cases[@]}"; do
   IFS='|' read -r label req check <<<"$c"
   # shellcheck disable=SC2086

@@ -15,6 +15,7 @@
 #include <zmq.h>
 
 #include <atomic>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -25,7 +26,7 @@
 
 namespace {
 using std::string;
-enum { THREADS = 1, STACK = 2, KSTACK = 3, SAMPLE = 4 };
+enum { THREADS = 1, STACK = 2, KSTACK = 3, SAMPLE = 4, PS = 5 };
 const char no_ptrace[] = "ptrace refused here (sandbox or emulator)";
 const uint32_t SYSTEM = 0x10, PROBE = 0x30;
 
@@ -38,14 +39,15 @@ bool traced(pid_t pid) { string status = read_text_file("/proc/" + std::to_strin
 // A helper in a process group of its own, stdin and stdout one socket of ours;
 // the group is killed by id at the end. With own_ns, it runs in a mount
 // namespace of its own from ns_exe, where the helper is mounted over the
-// file that ns_exe names outside.
+// file that ns_exe names outside. With exe, it is started by that path (a
+// link to it, whose name the process then has).
 struct helper_process {
     pid_t pid = -1;
     int fd = -1;
-    explicit helper_process(std::vector<string> argv = {}, const string& ns_exe = "") {
+    explicit helper_process(std::vector<string> argv = {}, const string& ns_exe = "", const string& exe = VIREO_PROBE_HELPER) {
         int sv[2];
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
-        argv.insert(argv.begin(), VIREO_PROBE_HELPER);
+        argv.insert(argv.begin(), exe);
         std::vector<char*> cargv;
         for (string& a : argv) cargv.push_back(&a[0]);
         cargv.push_back(nullptr);
@@ -54,7 +56,7 @@ struct helper_process {
             dup2(sv[1], 0);
             dup2(sv[1], 1);
             if (!ns_exe.empty() && (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 || mount(VIREO_PROBE_HELPER, ns_exe.c_str(), nullptr, MS_BIND, nullptr) != 0)) _exit(126);
-            execv(ns_exe.empty() ? VIREO_PROBE_HELPER : ns_exe.c_str(), cargv.data());
+            execv(ns_exe.empty() ? exe.c_str() : ns_exe.c_str(), cargv.data());
             _exit(127);
         }
         setpgid(pid, pid);
@@ -68,7 +70,7 @@ struct helper_process {
     string read_line() { string l; char ch; for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 10000) == 1 && read(fd, &ch, 1) == 1 && ch != '\n';) l += ch; return l; }
 };
 
-// The daemon serving the four probe commands as group 0x30 from a link to the
+// The daemon serving the five probe commands as group 0x30 from a link to the
 // plug-in in a folder of its own, beside a probe.conf with these settings, and
 // /proc/loadavg as command 0x10 1. With secure, behind CURVE with one client
 // key allowed every code.
@@ -87,8 +89,8 @@ struct probe_daemon {
         string lib = dir.path() + "/libvireo_probe.so";
         EXPECT_EQ(symlink(VIREO_PROBE_PLUGIN, lib.c_str()), 0);
         dir.write("probe.conf", conf);
-        for (const char* fn : {"probe_threads", "probe_stack", "probe_kstack", "probe_sample"})
-            cmds += string(cmds.empty() ? "" : ",") + R"({"name": ")" + fn + R"(", "id": ")" + std::to_string(count(cmds, "{") + 1) + R"(", "type": "custom", "lib": ")" + lib + R"(", "symbols": ")" + fn + R"("})";
+        for (const char* fn : {"probe_threads", "probe_stack", "probe_kstack", "probe_sample", "probe_ps"})
+            cmds += string(cmds.empty() ? "" : ",") + R"({"name": ")" + (fn + 6) + R"(", "id": ")" + std::to_string(count(cmds, "{") + 1) + R"(", "type": "custom", "lib": ")" + lib + R"(", "symbols": ")" + fn + R"("})";
         string sub = dir.write("probe.json", R"({"cmd-list": [)" + cmds + "]}");
         string sys = dir.write("sys.json", R"({"cmd-list": [{"name": "loadavg", "id": "1", "type": "file", "file": "/proc/loadavg"}]})");
         daemon.reset(new daemon_process({"-c", dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [{"class": "probe", "code": "0x30", "config": ")" + sub + R"("}, {"class": "system", "code": "0x10", "config": ")" + sys + R"("}])" + security + "}")}));
@@ -346,6 +348,66 @@ TEST(probe, large_replies_come_in_packets) {
         EXPECT_EQ(depth == 4 ? count(r.payload, " in vireo_helper_deep+0x") : r.parts, depth == 4 ? 199u * 5 : 128u);
         EXPECT_EQ(count(r.payload, "Thread ") == 200u, depth == 4);
     }
+}
+
+// The process list: helpers started by links of their own names, each in one
+// line with parent and command line; a pattern payload selects; processes
+// that end during the scan leave no broken line. --pid NAME resolves through
+// it: one match, several (listed, 64), none; by the command's file name past
+// the kernel's 15 bytes of name. probe.conf's "allow" also limits the list.
+TEST(probe, ps_lists_processes_and_resolves_names) {
+    probe_daemon d("{}");
+    std::map<string, std::vector<std::unique_ptr<helper_process>>> hs;
+    for (string name : {"vh-one", "vh-twin", "vh-twin", "vh-long-name-of-helper"}) {
+        string exe = d.dir.path() + "/" + name;
+        symlink(VIREO_PROBE_HELPER, exe.c_str());
+        hs[name].emplace_back(new helper_process({}, "", exe));
+        ASSERT_EQ(hs[name].back()->read_line(), "ready");
+    }
+    string one = std::to_string(hs["vh-one"][0]->pid), line = one + "\t" + std::to_string(getpid()) + "\tvh-one\tS\t" + d.dir.path() + "/vh-one\n";
+    string all;
+    for (int i = 0; i < 200 && (all = d.ask(PS, {}).payload).find(line) == string::npos; i++) usleep(20000);
+    EXPECT_NE(all.find(line), string::npos) << all;
+    string twins = d.ask(PS, {'v', 'h', '-', 't', '*'}).payload;
+    EXPECT_EQ(count(twins, "\n") == 2 && count(twins, "\tvh-twin\t") == 2, true) << twins;
+    EXPECT_EQ(d.code(PS, pid_payload(1)), probe_bad_request);
+    pid_t churn = fork();  // short-lived processes, ending while lists are made
+    if (churn == 0) for (;;) { if (pid_t p = fork(); p == 0) _exit(0); else if (p > 0) waitpid(p, nullptr, 0); }
+    end_with_test(churn);
+    for (int i = 0; i < 20; i++) {
+        client_reply r = d.ask(PS, {});
+        std::istringstream in(r.payload);
+        long last = 0, n = 0;
+        for (string l; getline(in, l); n++) EXPECT_TRUE(count(l, "\t") == 4 && std::stol(l) > last && (last = std::stol(l))) << l;
+        EXPECT_TRUE(r.header().msg_len >= 0 && n > 4 && r.payload.find("\n" + one + "\t") != string::npos) << r.payload;
+    }
+    kill(churn, SIGKILL), waitpid(churn, nullptr, 0);
+    string main_json = d.dir.path() + "/main.json", twin_pids = std::to_string(hs["vh-twin"][0]->pid) + " " + d.dir.path() + "/vh-twin\n" + std::to_string(hs["vh-twin"][1]->pid) + " ";
+    char table_row[64];
+    snprintf(table_row, sizeof table_row, "%7s %7d S %-15s ", one.c_str(), getpid(), "vh-one");
+    struct { string args; int rc; string has; } rows[] = {
+        {"probe.threads --pid vh-one", 0, one + "\tvh-one\tS\t"}, {"probe.threads --name vh-long-name-of-helper", 0, std::to_string(hs["vh-long-name-of-helper"][0]->pid) + "\tvh-long-name-of\t"},
+        {"probe.threads --pid vh-twin", 64, "2 processes on the board are named vh-twin; give one by --pid:\n" + twin_pids}, {"probe.threads --pid vh-none", 1, "no process vh-none on the board"},
+        {"ps", 0, "\n" + string(table_row) + d.dir.path() + "/vh-one\n"}};
+    for (const auto& row : rows) {
+        string cmd = string(VIREO_CLIENT) + " -c " + main_json + " " + row.args + " >" + d.dir.path() + "/out 2>&1";
+        int rc = WEXITSTATUS(system(cmd.c_str()));
+        string out = read_text_file(d.dir.path() + "/out");
+        EXPECT_TRUE(rc == row.rc && out.find(row.has) != string::npos) << row.args << ": " << rc << "\n" << out;
+    }
+    probe_daemon only(R"({"allow": {"exes": [")" VIREO_PROBE_HELPER R"("]}})");
+    all = only.ask(PS, {}).payload;
+    // Helpers only: this test's four, and any that a probe test running
+    // beside it has started (under the program's own name).
+    std::istringstream listed(all);
+    int ours = 0;
+    for (string l; getline(listed, l);) {
+        string name = l.substr(l.find('\t', l.find('\t') + 1) + 1);
+        name = name.substr(0, name.find('\t'));
+        EXPECT_TRUE(name.rfind("vh-", 0) == 0 || name == "vireo_probe_hel") << l;
+        ours += name.rfind("vh-", 0) == 0;
+    }
+    EXPECT_EQ(ours, 4) << all;
 }
 
 // A profile of a busy helper names its hot function in most samples.

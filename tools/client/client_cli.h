@@ -46,6 +46,7 @@ struct options {
     bool tid_given = false;  // --tid: bytes 4..7, after the --pid
     uint32_t tid = 0;
     std::vector<uint8_t> payload;
+    std::string pid_name;           // --pid NAME, --name NAME: resolved on the board
     std::vector<std::string> args;  // the words that are no options
 };
 
@@ -97,6 +98,26 @@ void catch_stop_signals();
 // Sends rq once, or repeatedly under --watch / --count, printing each
 // reply; the exit status of the last round, or of the signal that ended it.
 int run_rounds(client_conn& conn, const request_spec& rq, const options& o);
+
+// The board's process list (the probe's "ps" command): where it is served,
+// by class "probe" and name "ps" in cfg (nullptr: none), else 0x30 0x10.
+struct ps_command {
+    uint32_t code = 0x30;
+    uint32_t id = 0x10;
+};
+ps_command find_ps_command(const client_config* cfg);
+// ps [PATTERN]: 0, or -1 with why (a usage error).
+int check_ps_args(const options& o, std::string& why);
+// Prints the board's processes, a table or JSON; the exit status.
+int run_ps(client_conn& conn, const ps_command& cmd, const options& o);
+// The pid of the one process name names on the board: its name (comm)
+// exactly, else the file name of its command line's first word.
+// client_exit::ok, or an exit status after a message: usage when several
+// match (listed), status when none does.
+int resolve_pid_name(client_conn& conn, const ps_command& cmd, const std::string& name,
+                     uint32_t& pid);
+// True when s is UTF-8 that JSON can carry as it is.
+bool valid_utf8(const std::string& s);
 
 // keygen BASE: writes a key pair and prints its public key; exit status.
 int keygen(const options& o);

@@ -3,6 +3,7 @@
 // check-config), the help or version, keygen, --list, or a request.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -76,8 +77,10 @@ bool load_board_table(options& o, config_state& c) {
     return true;
 }
 
+// Names, --list, and the process list's command for ps and --pid NAME.
 bool needs_names(const options& o) {
-    return o.list || (o.args.size() == 1 && o.args[0].find('.') != std::string::npos);
+    return o.list || (o.args.size() == 1 && o.args[0].find('.') != std::string::npos) ||
+           (!o.args.empty() && o.args[0] == "ps") || !o.pid_name.empty();
 }
 
 // --list, or a request sent once or in rounds; the exit status.
@@ -100,7 +103,10 @@ int run_request(options& o) {
     }
     request_spec rq;
     std::string why;
-    if (int rc = make_spec(o, c.loaded ? &c.cfg : nullptr, c.path, c.error, rq, why); rc != 0) {
+    const bool ps = o.args[0] == "ps";
+    if (int rc = ps ? check_ps_args(o, why)
+                    : make_spec(o, c.loaded ? &c.cfg : nullptr, c.path, c.error, rq, why);
+        rc != 0) {
         if (rc == -2) {
             fprintf(stderr, "vireo-client: %s\n", why.c_str());
             return client_exit::config;
@@ -123,6 +129,18 @@ int run_request(options& o) {
     conn.stop = &stop_signal;
     if (conn.open(why) != 0) {
         return usage_error(why);
+    }
+    const ps_command psc = find_ps_command(c.loaded ? &c.cfg : nullptr);
+    if (ps) {
+        return run_ps(conn, psc, o);
+    }
+    if (!o.pid_name.empty()) {
+        uint32_t pid = 0;
+        if (int rc = resolve_pid_name(conn, psc, o.pid_name, pid); rc != client_exit::ok) {
+            return rc;
+        }
+        rq.payload.resize(std::max<size_t>(rq.payload.size(), 4));  // --tid's bytes 4..7 stay
+        u32_to_u8(pid, rq.payload.data());
     }
     return run_rounds(conn, rq, o);
 }

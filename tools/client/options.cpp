@@ -1,4 +1,6 @@
 // The command line of vireo-client: its options, their values, and the help.
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +20,7 @@ const char usage_text[] =
     "                   command code and sub-command in hex (\"0x10\", \"10\")\n"
     "  CLASS.NAME [--pid N [--tid T] | --byte N | --hex HEXBYTES]\n"
     "                   a command by name from the configuration\n"
+    "  ps [PATTERN]     the board's processes: pid, parent, state, name, command\n"
     "  take-id          take a client id and print it in decimal\n"
     "  return-id N      give client id N (0..255) back\n"
     "keygen BASE        write a CURVE key pair: BASE.key (secret, mode 0600) and\n"
@@ -36,6 +39,9 @@ const char usage_text[] =
     "  --list           print every configured command with code, id, kind, target\n"
     "  --pid N          payload: process id N as 4 little-endian bytes (decimal)\n"
     "  --tid T          with --pid: thread id T as 4 more bytes (payload bytes 4..7)\n"
+    "  --pid NAME, --name NAME\n"
+    "                   the pid of the one process the board's ps names NAME (its\n"
+    "                   name, else its command's file name)\n"
     "  --byte N         payload: one byte N (decimal, 0..255)\n"
     "  --hex HEXBYTES   payload: these bytes, e.g. e8030000\n"
     "  -v, --verbose    print the reply header on stderr\n"
@@ -62,6 +68,7 @@ const option_def option_defs[] = {
     {"-h", "--help", false, false},   {"-v", "--verbose", false, false},
     {"--json", "", false, false},     {"--list", "", false, false},
     {"--version", "", false, false},  {"--tid", "", true, false},
+    {"--name", "", true, false},
 };
 
 // True when b is a one edit away from a: a character inserted, deleted or
@@ -104,9 +111,28 @@ std::string unknown_option(const std::string& arg) {
     return "unknown option " + arg + did_you_mean(arg.substr(0, arg.find('=')), names);
 }
 
-// --pid N or --byte N: the payload they stand for.
+// --pid NAME or --name NAME: resolved on the board before the request.
+bool set_pid_name(const std::string& a, const std::string& v, options& o, std::string& why) {
+    auto control = [](char ch) { return iscntrl(static_cast<unsigned char>(ch)) != 0; };
+    if (v.empty() || v.size() > 255 || std::any_of(v.begin(), v.end(), control)) {
+        why = a + " needs a process name of 1 to 255 printable characters";
+        return false;
+    }
+    o.pid_name = v;
+    o.payload.clear();
+    o.payload_opts++;
+    return true;
+}
+
+// --pid N, --pid NAME, --name NAME or --byte N: the payload they stand for.
 bool set_number_payload(const std::string& a, const std::string& v, options& o, std::string& why) {
     const bool pid = a == "--pid";
+    // Anything that cannot start a number is a process name.
+    const unsigned char first = v.empty() ? '0' : static_cast<unsigned char>(v[0]);
+    if (a == "--name" ||
+        (pid && !isdigit(first) && !isspace(first) && first != '-' && first != '+')) {
+        return set_pid_name(a, v, o, why);
+    }
     unsigned long n = 0;
     if (!parse_ulong(v, pid ? 0xFFFFFFFFul : 0xFFul, n)) {
         why = a + " needs a decimal number" + (pid ? "" : " from 0 to 255") + ", not \"" + v + "\"";
@@ -151,8 +177,8 @@ bool set_value(const std::string& a, const std::string& v, options& o, std::stri
             return false;
         }
         o.count = static_cast<long>(n);
-    } else if (a == "--pid" || a == "--byte") {
-        o.pid_given = o.pid_given || a == "--pid";
+    } else if (a == "--pid" || a == "--byte" || a == "--name") {
+        o.pid_given = o.pid_given || a != "--byte";
         return set_number_payload(a, v, o, why);
     } else if (a == "--tid") {
         if (!parse_ulong(v, 0xFFFFFFFFul, n)) {
@@ -186,7 +212,8 @@ int check_together(const options& o, std::string& why) {
         return 0;
     }
     if (o.payload_opts > 1) {
-        why = "--pid, --byte and --hex exclude each other";
+        why = o.pid_name.empty() ? "--pid, --byte and --hex exclude each other"
+                                 : "--pid, --name, --byte and --hex exclude each other";
     } else if (o.tid_given && !o.pid_given) {
         why = "--tid needs --pid: the thread id follows the process id";
     } else if (o.list && !o.args.empty()) {

@@ -11,8 +11,6 @@
 
 #include "client_cli.h"
 
-namespace {
-
 bool valid_utf8(const std::string& s) {
     size_t i = 0;
     while (i < s.size()) {
@@ -41,6 +39,8 @@ bool valid_utf8(const std::string& s) {
     }
     return true;
 }
+
+namespace {
 
 std::string base64(const std::string& in) {
     static const char tbl[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

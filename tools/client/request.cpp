@@ -7,7 +7,7 @@ namespace {
 
 // Words that stand where a command name may.
 const std::vector<std::string> request_words = {"take-id", "return-id", "keygen", "profile",
-                                                "check-config"};
+                                                "check-config", "ps"};
 
 // CLASS.NAME looked up in the configuration; 0, -1 or -2 as make_spec.
 int named_request(const std::string& name, const client_config* cfg, const std::string& cfg_path,
