@@ -44,6 +44,11 @@ struct options {
     int payload_opts = 0;  // how many of --pid, --byte, --hex were given
     std::vector<uint8_t> payload;
     std::vector<std::string> args;  // the words that are no options
+    // A probe stack or sample asked raw (symbolizer markup) and named here
+    // from debug files, or printed as it came with --raw.
+    bool raw = false;
+    std::vector<std::string> debug_dirs, debuginfod_urls;
+    bool raw_asked() const { return raw || !debug_dirs.empty() || !debuginfod_urls.empty(); }
 };
 
 extern const char usage_text[];
@@ -89,6 +94,10 @@ void catch_stop_signals();
 // Sends rq once, or repeatedly under --watch / --count, printing each
 // reply; the exit status of the last round, or of the signal that ended it.
 int run_rounds(client_conn& conn, const request_spec& rq, const options& o);
+
+// Names the frames of raw probe text (markup) from o's debug folders and
+// servers and prints it; client_exit::ok or a failure's exit status.
+int print_named_markup(const std::string& text, const options& o);
 
 // keygen BASE: writes a key pair and prints its public key; exit status.
 int keygen(const options& o);

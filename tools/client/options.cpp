@@ -37,6 +37,10 @@ const char usage_text[] =
     "  --pid N          payload: process id N as 4 little-endian bytes (decimal)\n"
     "  --byte N         payload: one byte N (decimal, 0..255)\n"
     "  --hex HEXBYTES   payload: these bytes, e.g. e8030000\n"
+    "  --debug-dir DIR  ask a probe stack or sample raw and name its frames here from\n"
+    "                   debug files under DIR (repeatable; a build-id tree or a sysroot)\n"
+    "  --debuginfod URL the same, from this debuginfod server (or DEBUGINFOD_URLS)\n"
+    "  --raw            ask a probe stack or sample raw and print its markup\n"
     "  -v, --verbose    print the reply header on stderr\n"
     "  --json           print the reply (or the --list) as JSON\n"
     "  --watch SECONDS  repeat the request every SECONDS until interrupted\n"
@@ -60,7 +64,8 @@ const option_def option_defs[] = {
     {"--server-key", "", true, true}, {"--key", "", true, true},
     {"-h", "--help", false, false},   {"-v", "--verbose", false, false},
     {"--json", "", false, false},     {"--list", "", false, false},
-    {"--version", "", false, false},
+    {"--version", "", false, false},  {"--raw", "", false, false},
+    {"--debug-dir", "", true, false}, {"--debuginfod", "", true, false},
 };
 
 // True when b is a one edit away from a: a character inserted, deleted or
@@ -152,6 +157,8 @@ bool set_value(const std::string& a, const std::string& v, options& o, std::stri
         o.count = static_cast<long>(n);
     } else if (a == "--pid" || a == "--byte") {
         return set_number_payload(a, v, o, why);
+    } else if (a == "--debug-dir" || a == "--debuginfod") {
+        (a == "--debug-dir" ? o.debug_dirs : o.debuginfod_urls).push_back(v);
     } else if (a == "--hex") {
         o.payload.clear();
         if (!parse_hex_bytes(v, o.payload)) {
@@ -168,6 +175,7 @@ void set_flag(const std::string& a, options& o) {
      : a == "--version" ? o.version
      : a == "-v"        ? o.verbose
      : a == "--json"    ? o.json
+     : a == "--raw"     ? o.raw
                         : o.list) = true;
 }
 
@@ -178,6 +186,10 @@ int check_together(const options& o, std::string& why) {
     }
     if (o.payload_opts > 1) {
         why = "--pid, --byte and --hex exclude each other";
+    } else if (o.raw_asked() && o.payload.size() != 4 && o.payload.size() != 8) {
+        why = "--raw, --debug-dir and --debuginfod need --pid (or --hex of a pid and a tid)";
+    } else if (o.raw_asked() && o.json) {
+        why = "--raw, --debug-dir and --debuginfod exclude --json";
     } else if (o.list && !o.args.empty()) {
         why = "--list takes no request";
     } else if (!o.list && o.args.empty()) {
