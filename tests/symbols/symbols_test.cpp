@@ -166,6 +166,40 @@ struct child {
     }
 };
 
+#ifdef VIREO_PROBE_PLUGIN
+// The real daemon serving the probe's stack and sample (group 0x30), and
+// the stripped program spinning on the board.
+struct probed_board {
+    temp_dir dir;
+    int port = free_port();
+    string cfg;
+    std::unique_ptr<daemon_process> daemon;
+    std::unique_ptr<child> target;
+    explicit probed_board(const string& program) {
+        string lib = string(VIREO_PROBE_PLUGIN);
+        string sub = dir.write("probe.json", R"({"cmd-list": [{"name": "stack", "id": "2", "type": "custom", "lib": ")" + lib + R"(", "symbols": "probe_stack"}, {"name": "sample", "id": "4", "type": "custom", "lib": ")" + lib + R"(", "symbols": "probe_sample"}]})");
+        cfg = dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [{"class": "probe", "code": "0x30", "config": ")" + sub + R"("}]})");
+        daemon.reset(new daemon_process({"-c", cfg}));
+        EXPECT_TRUE(daemon->wait_ready("tcp://127.0.0.1:" + std::to_string(port)));
+        setenv("LD_LIBRARY_PATH", (the_board().dir.path() + "/board").c_str(), 1);
+        target.reset(new child({the_board().dir.path() + "/board/" + program, "hold"}));
+        unsetenv("LD_LIBRARY_PATH");
+        // Both threads inside leaf_record: the board names none of it.
+        for (int i = 0; i < 100 && count_of(ask("--raw"), "{{{bt:") < 12; i++) usleep(50000);
+    }
+    string ask(const string& args) {
+        return sh("DEBUGINFOD_CACHE_PATH=" + dir.path() + "/cache " VIREO_CLIENT_BIN " -c " + cfg +
+                  " probe.stack --pid " + std::to_string(target->pid) + " " + args);
+    }
+    static size_t count_of(const string& s, const string& what) {
+        size_t n = 0;
+        for (size_t at = 0; (at = s.find(what, at)) != string::npos; at++) n++;
+        return n;
+    }
+};
+
+#endif
+
 TEST(symbols, debuginfod_server_names_the_same) {
     if (!have("debuginfod") || !have("debuginfod-find"))
         GTEST_SKIP() << "debuginfod missing (Debian package debuginfod)";
@@ -186,6 +220,12 @@ TEST(symbols, debuginfod_server_names_the_same) {
                        .c_str()) == 0;
     ASSERT_TRUE(served) << id;
     expect_named(client("DEBUGINFOD_URLS=" + url, b.pie));
+#ifdef VIREO_PROBE_PLUGIN
+    // The daemon's markup of the spinning program, named from the server.
+    std::vector<string> frames = short_files(board_frames(probed_board("vireo_sym_target").ask("--debuginfod " + url)));
+    for (const string& want : {named[1], named[2], named[4], named[7]})
+        EXPECT_NE(std::find(frames.begin(), frames.end(), want), frames.end()) << want;
+#endif
 }
 
 TEST(symbols, llvm_symbolizer_names_the_same) {
@@ -245,37 +285,6 @@ TEST(symbols, pprof_file_read_by_go_tool_pprof) {
 }
 
 #ifdef VIREO_PROBE_PLUGIN
-// The real daemon serving the probe's stack and sample (group 0x30), and
-// the stripped program spinning on the board.
-struct probed_board {
-    temp_dir dir;
-    int port = free_port();
-    string cfg;
-    std::unique_ptr<daemon_process> daemon;
-    std::unique_ptr<child> target;
-    explicit probed_board(const string& program) {
-        string lib = string(VIREO_PROBE_PLUGIN);
-        string sub = dir.write("probe.json", R"({"cmd-list": [{"name": "stack", "id": "2", "type": "custom", "lib": ")" + lib + R"(", "symbols": "probe_stack"}, {"name": "sample", "id": "4", "type": "custom", "lib": ")" + lib + R"(", "symbols": "probe_sample"}]})");
-        cfg = dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [{"class": "probe", "code": "0x30", "config": ")" + sub + R"("}]})");
-        daemon.reset(new daemon_process({"-c", cfg}));
-        EXPECT_TRUE(daemon->wait_ready("tcp://127.0.0.1:" + std::to_string(port)));
-        setenv("LD_LIBRARY_PATH", (the_board().dir.path() + "/board").c_str(), 1);
-        target.reset(new child({the_board().dir.path() + "/board/" + program, "hold"}));
-        unsetenv("LD_LIBRARY_PATH");
-        // Both threads inside leaf_record: the board names none of it.
-        for (int i = 0; i < 100 && count_of(ask("--raw"), "{{{bt:") < 12; i++) usleep(50000);
-    }
-    string ask(const string& args) {
-        return sh("DEBUGINFOD_CACHE_PATH=" + dir.path() + "/cache " VIREO_CLIENT_BIN " -c " + cfg +
-                  " probe.stack --pid " + std::to_string(target->pid) + " " + args);
-    }
-    static size_t count_of(const string& s, const string& what) {
-        size_t n = 0;
-        for (size_t at = 0; (at = s.find(what, at)) != string::npos; at++) n++;
-        return n;
-    }
-};
-
 // The daemon's own text names none of the program's functions (the library's
 // exported lib_call it may: stripped files keep dynamic symbols); the client
 // names every frame of the program and the library with file:line, the
