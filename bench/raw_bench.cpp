@@ -56,7 +56,8 @@ pid_t start_target(int mappings) {
         size_t page = 4096, len = page * 2 * static_cast<size_t>(mappings);
         auto* p = static_cast<char*>(
             mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        for (size_t i = 0; p != MAP_FAILED && i < len; i += 2 * page) mprotect(p + i, page, PROT_READ);
+        for (size_t i = 0; p != MAP_FAILED && i < len; i += 2 * page)
+            mprotect(p + i, page, PROT_READ);
     }
     for (;;) work_done->fetch_add(1, std::memory_order_relaxed);
 }
@@ -75,7 +76,8 @@ std::map<pid_t, long long> walker_cpu(pid_t daemon) {
     }
     std::istringstream tasks(all);
     for (pid_t child; tasks >> child;) {
-        std::ifstream comm("/proc/" + std::to_string(child) + "/comm"), stat("/proc/" + std::to_string(child) + "/schedstat");
+        std::ifstream comm("/proc/" + std::to_string(child) + "/comm"),
+            stat("/proc/" + std::to_string(child) + "/schedstat");
         std::string name;
         long long run = 0;
         if (comm >> name && name == "vireo-walker" && stat >> run)
@@ -114,8 +116,10 @@ struct sampler {
 
 void emit(const char* key, double value, const char* goal, const std::string& note) {
     value = value == value && value < 1e12 ? value : -1;  // JSON has no NaN
-    printf("{\"kind\": \"raw\", \"key\": \"%s\", \"value\": %.3f, \"goal\": \"%s\", \"note\": \"%s\"}\n",
-           key, value, goal, note.c_str());
+    printf(
+        "{\"kind\": \"raw\", \"key\": \"%s\", \"value\": %.3f, \"goal\": \"%s\", \"note\": "
+        "\"%s\"}\n",
+        key, value, goal, note.c_str());
 }
 
 // Samples at hz for seconds (back to back when hz is 0); the count that
@@ -127,7 +131,8 @@ long sample_for(sampler& s, double hz, double seconds) {
     while (clock_type::now() < stop) {
         ok += s.one() ? 1 : 0;
         if (hz > 0) {
-            next += std::chrono::duration_cast<clock_type::duration>(std::chrono::duration<double>(1 / hz));
+            next += std::chrono::duration_cast<clock_type::duration>(
+                std::chrono::duration<double>(1 / hz));
             std::this_thread::sleep_until(next);
         }
     }
@@ -147,8 +152,8 @@ int walker_cpu_steady(const std::string& ep, pid_t daemon, pid_t target) {
     }
     double per[2] = {ns[0] / 1e3 / std::max(n[0], 1L), ns[1] / 1e3 / std::max(n[1], 1L)};
     std::ostringstream note;
-    note << "walker CPU per sample: raw " << per[1] << " us, named " << per[0] << " us ("
-         << n[1] << " and " << n[0] << " samples, 11 threads)";
+    note << "walker CPU per sample: raw " << per[1] << " us, named " << per[0] << " us (" << n[1]
+         << " and " << n[0] << " samples, 11 threads)";
     emit("walker_cpu_raw_over_named", per[1] / per[0], "<= 0.7", note.str());
     return 0;
 }
@@ -170,7 +175,8 @@ int walker_cpu_first(const std::string& ep, pid_t daemon) {
     std::ostringstream note;
     note << "first sample of 5 fresh 11-thread targets each: raw " << ns[1] / 5e3 << " us, named "
          << ns[0] / 5e3 << " us of walker CPU";
-    emit("walker_cpu_first_sample_raw_over_named", static_cast<double>(ns[1]) / ns[0], "<= 0.7", note.str());
+    emit("walker_cpu_first_sample_raw_over_named", static_cast<double>(ns[1]) / ns[0], "<= 0.7",
+         note.str());
     return 0;
 }
 
@@ -196,7 +202,8 @@ int maps(const std::string& ep, pid_t target) {
     auto start = clock_type::now();
     long ok = sample_for(raw, 99, 4.0);
     double secs = std::chrono::duration<double>(clock_type::now() - start).count();
-    emit("samples_per_s_64k_mappings", ok / secs, ">= 90", "raw samples, 99 asked, 4 s, 64000 mappings");
+    emit("samples_per_s_64k_mappings", ok / secs, ">= 90",
+         "raw samples, 99 asked, 4 s, 64000 mappings");
     return 0;
 }
 
@@ -211,9 +218,10 @@ int main(int argc, char** argv) {
     pid_t daemon = atoi(argv[2]);
     pid_t target = start_target(what == "maps" ? 64000 : 0);
     usleep(200000);
-    int rc = what == "walker-cpu" ? walker_cpu_steady(ep, daemon, target) + walker_cpu_first(ep, daemon)
-             : what == "work"     ? work(ep, target)
-                                  : maps(ep, target);
+    int rc = what == "walker-cpu"
+                 ? walker_cpu_steady(ep, daemon, target) + walker_cpu_first(ep, daemon)
+             : what == "work" ? work(ep, target)
+                              : maps(ep, target);
     kill(target, SIGKILL);
     waitpid(target, nullptr, 0);
     return rc;

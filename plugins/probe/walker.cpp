@@ -425,8 +425,8 @@ std::vector<mapping> file_mappings(const std::string& maps) {
         unsigned long long start, stop, inode;
         char perms[8] = "";
         int path_at = 0;
-        if (sscanf(line.c_str(), "%llx-%llx %7s %*x %x:%x %llu %n", &start, &stop, perms,
-                   &m.major, &m.minor, &inode, &path_at) < 6 ||
+        if (sscanf(line.c_str(), "%llx-%llx %7s %*x %x:%x %llu %n", &start, &stop, perms, &m.major,
+                   &m.minor, &inode, &path_at) < 6 ||
             inode == 0 || path_at <= 0 || line[static_cast<size_t>(path_at)] != '/') {
             continue;
         }
@@ -567,8 +567,9 @@ int add_module(Dwfl_Module* mod, void**, const char* name, Dwarf_Addr low, void*
     for (const mapping& m : b.w->files) {
         if (!m.exec || m.path != name || m.start < low || m.start >= high)
             continue;
-        snprintf(line, sizeof line, "{{{mmap:0x%" PRIx64 ":0x%" PRIx64 ":load:%d:rx:0x%" PRIx64 "}}}\n",
-                 m.start, m.end - m.start, b.next_id, m.start - bias);
+        snprintf(line, sizeof line,
+                 "{{{mmap:0x%" PRIx64 ":0x%" PRIx64 ":load:%d:rx:0x%" PRIx64 "}}}\n", m.start,
+                 m.end - m.start, b.next_id, m.start - bias);
         maps += line;
     }
     if (maps.empty())
@@ -719,8 +720,8 @@ void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, bool cu
         out.line(walker_cut_line);
 }
 
-void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut,
-                  int64_t held_us, bool raw, text_out& out) {
+void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut, int64_t held_us,
+                  bool raw, text_out& out) {
     std::string line = std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) + "\t" +
                        std::to_string(held_us) + "\t";
     // The outermost frame kept is not the stack's root: a profile must not

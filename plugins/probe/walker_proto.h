@@ -69,8 +69,8 @@ constexpr unsigned walker_max_frames = 256;
 inline bool walker_request_valid(const walker_request& r) {
     if (r.op == walker_bind)
         return r.tid > 0;
-    return r.op != walker_bind && r.op >= walker_stack && r.op <= walker_sample_raw && r.tid >= 0 && r.stop_ms >= 1 &&
-           r.stop_ms <= 600000;
+    return r.op != walker_bind && r.op >= walker_stack && r.op <= walker_sample_raw && r.tid >= 0 &&
+           r.stop_ms >= 1 && r.stop_ms <= 600000;
 }
 
 // A reply header the plug-in accepts: a status of 0 with up to

@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <thread>
 
@@ -131,8 +131,8 @@ int parse(int argc, char** argv, profile_options& o, std::string& why) {
         if (a == "-h" || a == "--help")
             return 1;
         const bool known = global || a == "--pid" || a == "--tid" || a == "--duration" ||
-                           a == "--rate" || a == "-o" || a == "--command" ||
-                           a == "--debug-dir" || a == "--debuginfod" || a == "--format";
+                           a == "--rate" || a == "-o" || a == "--command" || a == "--debug-dir" ||
+                           a == "--debuginfod" || a == "--format";
         const int values = (has_inline ? 0 : 1) + (a == "--command" ? 1 : 0);
         if (!known || i + values >= argc) {
             why = known ? typed + " needs a value" : "unknown option " + arg;
@@ -229,8 +229,8 @@ bool add_sample(const std::string& text, std::map<std::string, long>& counts, lo
         std::string stack = text.substr(tab + 1, end - tab - 1);
         if (raw && !stack.empty()) {
             size_t name_at = text.find('\t', at) + 1;
-            stack = ctx + "\t" + text.substr(name_at, text.find('\t', name_at) - name_at) +
-                    "\t" + stack;
+            stack = ctx + "\t" + text.substr(name_at, text.find('\t', name_at) - name_at) + "\t" +
+                    stack;
         }
         if (!stack.empty()) {
             counts[stack]++;
@@ -250,10 +250,9 @@ int take_sample(client_conn& conn, const profile_options& o, const std::vector<u
     s.requests++;
     if (stop_signal != 0)
         return client_exit::ok;
-    if (rc == client_malformed ||
-        (rc == 0 && r.header().msg_len >= 0 &&
-         !add_sample(r.payload, o.raw() ? s.raw_counts : s.counts, s.stacks,
-                     o.raw() ? &s : nullptr))) {
+    if (rc == client_malformed || (rc == 0 && r.header().msg_len >= 0 &&
+                                   !add_sample(r.payload, o.raw() ? s.raw_counts : s.counts,
+                                               s.stacks, o.raw() ? &s : nullptr))) {
         fprintf(stderr, "%svireo-client: malformed reply from %s: %s\n", progress ? "\n" : "",
                 o.endpoint.c_str(), rc != 0 ? why.c_str() : "not a stack sample");
         return client_exit::malformed;
