@@ -17,9 +17,10 @@ build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 # The exporter's tests check its pages with Prometheus' promtool and server;
-# the symbols tests check names against debuginfod, llvm-symbolizer and pprof.
+# the symbols tests check names against debuginfod, llvm-symbolizer and pprof;
+# the crash tests read stack-only cores with gdb and eu-stack.
 test: build
-	scripts/bootstrap prometheus debuginfod llvm-16 golang-go
+	scripts/bootstrap prometheus debuginfod llvm-16 golang-go gdb elfutils binutils
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
 # The daemon in the foreground on the demo configuration (127.0.0.1:6600).

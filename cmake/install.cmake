@@ -33,6 +33,7 @@ endif()
 if(TARGET vireo-exporter)
   install(TARGETS vireo-exporter RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
+install(TARGETS vireo_describe LIBRARY DESTINATION ${VIREO_PLUGIN_INSTALL_DIR})
 if(TARGET vireo_probe)
   install(TARGETS vireo_probe LIBRARY DESTINATION ${VIREO_PLUGIN_INSTALL_DIR})
   # The walker is run by the plug-in, never by users: not on PATH. The

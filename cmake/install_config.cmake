@@ -69,7 +69,7 @@ function(vireo_write_config src dst_dir)
 endfunction()
 
 file(MAKE_DIRECTORY "$ENV{DESTDIR}${etc_dir}" "$ENV{DESTDIR}${examples_dir}")
-foreach(f main.json system.json process.json probe.json)
+foreach(f main.json system.json process.json probe.json board.json)
   vireo_write_config(demo/${f} "${etc_dir}")
 endforeach()
 foreach(f main.json files-only.json system.json probe.json)

@@ -11,7 +11,7 @@
 #include <fstream>
 #include <string>
 
-#include "client_keys.h"
+#include "wire/keys.h"
 
 namespace {
 std::string path;

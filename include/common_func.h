@@ -85,6 +85,23 @@ public:
     explicit fd_cache(int fd);
 };
 
+// Anonymous memory for one long read, mapped on first use: only the pages
+// written become resident, and all go back to the system on destruction (a
+// freed malloc block of a megabyte may stay with the thread's arena).
+class page_buffer {
+public:
+    page_buffer() = default;
+    ~page_buffer();
+    page_buffer(const page_buffer&) = delete;
+    page_buffer& operator=(const page_buffer&) = delete;
+
+    // Maps bytes bytes unless mapped already; data, or null on failure.
+    uint8_t* map(size_t bytes);
+
+    uint8_t* data = nullptr;
+    size_t size = 0;
+};
+
 // Descriptors of monitored files, kept open so that a polled file costs one
 // seek and one read. Thread-safe: fds_lock guards the map and is always taken
 // before an entry's flock. Entries are never evicted or re-opened: a cached
@@ -109,6 +126,19 @@ public:
     static int read_file(const std::string& path, uint8_t* buf, int len, bool cached,
                          bool read_all = false);
 
+    // A file longer than one reply, for a "read-all" command that answers
+    // the whole file. The first len - 1 bytes are read as read_file with
+    // read_all reads them; when the file ends there, the result is read_file's
+    // (the count, in buf, a zero byte after it) and whole stays unmapped. A
+    // regular file that fills them is read on into whole, mapped with limit
+    // bytes (limit > len - 1), its content from offset 0, until it ends or
+    // whole is full (so a result of limit means "or longer"); the result is
+    // then that count, above len - 1, or -12 (ENOMEM) when whole could not
+    // be mapped. The descriptor is held (its flock, for a cached one) for the
+    // whole read, so the bytes are one reading of the file.
+    static int read_file_whole(const std::string& path, uint8_t* buf, int len, bool cached,
+                               page_buffer& whole, size_t limit);
+
     // Returns the cached descriptor of path, opening and caching it if
     // needed; -2 when it cannot be opened, -24 when the map is full.
     static int open_and_cache(const std::string& path);
@@ -118,6 +148,20 @@ public:
 
     static std::unordered_map<std::string, std::shared_ptr<fd_cache>> file_fds_cache;
     static std::mutex fds_lock;
+
+private:
+    // A descriptor taken for one read: a cached entry, locked, or one opened
+    // for this read only (entry null).
+    struct held_fd {
+        int fd = -1;
+        std::shared_ptr<fd_cache> entry;
+        std::unique_lock<std::mutex> entry_lock;
+    };
+    // The cached descriptor of path, seeked to 0, or a new one (cached when
+    // asked and there is room). 0, or -2 (logged) when path cannot be opened.
+    static int hold(const std::string& path, bool cached, held_fd& h);
+    // Unlocks a cached descriptor, closes an uncached one.
+    static void release(held_fd& h);
 };
 
 // Writes val, given in unit "BKMGT"[off], scaled by 1024 to one decimal, e.g.

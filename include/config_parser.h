@@ -47,8 +47,8 @@ public:
     cmd_type_t type;
     std::string name;
     bool enabled;     // negation of "disable"; kept only, never consulted
-    // "read-all" of a file command: read until the reply is full or the file
-    // ends, not once. Off by default: one read, as always.
+    // "read-all" of a file command: answer the whole file, up to 1 MiB, in
+    // several packets if need be, not one read. Off by default.
     bool read_all = false;
 
     // A file command; a "$" anywhere in file makes it DYN_FILE_TYPE.

@@ -3,6 +3,7 @@
 // in-process dealer socket the workers connect to.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -71,7 +72,8 @@ public:
 };
 
 // The endpoint: a ZMQ_ROUTER socket on tcp://ip:port facing the clients, a
-// ZMQ_DEALER socket on inproc://workers facing the workers, and the list of
+// ZMQ_DEALER socket (behind CURVE a ZMQ_ROUTER) on inproc://workers facing
+// the workers, and the list of
 // the workers' connections. Its destructor closes nothing.
 // Whole messages that wait for one peer, received and to be sent (see
 // listen_connect), and that wait for one worker.
@@ -85,9 +87,10 @@ private:
     int32_t port;
     void* context = nullptr;
     void* socket = nullptr;   // ZMQ_ROUTER on TCP
-    void* workers = nullptr;  // ZMQ_DEALER on inproc://workers
+    void* workers = nullptr;  // ZMQ_DEALER (ZMQ_ROUTER behind CURVE) on inproc://workers
     std::vector<comm_data*> comm_list;
-    std::mutex comm_list_lock;  // five workers register at the same moment
+    std::mutex comm_list_lock;       // five workers register at the same moment
+    std::atomic<int> registered{0};  // comm_list's size, read by the queue unlocked
 
 public:
     // Told of every request's connection by queue_with_user_id; not owned.
@@ -105,18 +108,23 @@ public:
     // connections that have not finished their handshake in 3 s, drops
     // peers silent to heartbeats for 30 s, and bounds the messages queued
     // per peer; with curve_secret it is a CURVE server. Returns 0, or -1 (context), -2 (router socket or one of its
-    // options), -3 (TCP bind, also for a port outside 0..65535), -4 (dealer
+    // options), -3 (TCP bind, also for a port outside 0..65535), -4 (workers'
     // socket). What was made before a failure stays.
     int listen_connect();
 
-    // The queue between router and dealer, as zmq_device(ZMQ_QUEUE) but each
-    // request reaches the workers after one more frame: the ZAP user id of
-    // the connection it came on. (Message properties do not survive a
-    // device: ZeroMQ drops them when a message is sent on.) Returns -1 when
-    // the context ends.
+    // The queue of a CURVE endpoint, between the client-facing router and
+    // the workers' router: each request reaches the workers after one more
+    // frame, the ZAP user id of the connection it came on (message
+    // properties do not survive a device: ZeroMQ drops them when a message
+    // is sent on). A request is read only while a worker is idle and goes
+    // to that worker, so the ones waiting stay in the client-facing
+    // router's bounded per-peer queues and none waits behind a busy worker.
+    // Returns -1 when the context ends.
     int queue_with_user_id();
 
-    // Makes the connection of a worker's socket and records it.
+    // Makes the connection of a worker's socket and records it; gives the
+    // socket the routing id the queue knows it by. Call before the socket
+    // connects to inproc://workers.
     comm_data* create_comm(void* socket);
 
     // Closes both endpoint sockets and terminates the context; 0 or -1.

@@ -15,11 +15,12 @@ enum class conn_verdict {
     handshake_closed,  // the server closed the connection in each handshake
     auth_refused,      // authentication refused the key (value: ZAP status)
     protocol_error,    // the handshake failed on a protocol error (value: its code)
+    no_handshake,      // no handshake within ZMQ_HANDSHAKE_IVL: the peer speaks no ZMTP
 };
 
 // Reads the monitor's events of one connection, attempt by attempt:
-// - a handshake refused by authentication or failed on a protocol error
-//   decides at once;
+// - a handshake refused by authentication, failed on a protocol error, or
+//   not finished within the socket's handshake interval decides at once;
 // - otherwise max_failed_attempts attempts in a row that failed (no TCP
 //   connection, no address for the host, or the peer closing during the
 //   handshake) decide; at a caller's timeout, failed > 0 says the same.

@@ -26,6 +26,11 @@ constexpr uint8_t reply_command_type = 0x31;
 // may carry.
 constexpr int max_reply_payload = 8192;
 constexpr int max_request_payload = 1024;
+// No frame of the daemon is longer than one packet (readers set it as
+// ZMQ_MAXMSGSIZE, so libzmq drops a longer one before holding it), and a
+// multi-packet reply has at most this many packets: 8 MiB of payload.
+constexpr int max_reply_frame = max_reply_payload + 48;
+constexpr size_t max_reply_packets = 1024;
 
 // A reply that does not hold together (the result of parse_reply).
 constexpr int wire_malformed = -74;

@@ -2,8 +2,10 @@
 // connection (a plug-in function, or the request handler for a whole file).
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 class comm_data;
 
@@ -18,3 +20,22 @@ class comm_data;
 // sent the result is -EIO (the daemon still answers with that status); a
 // failure after it leaves the client with the packets sent.
 int send_reply(comm_data* c, const uint8_t* buf, size_t len);
+
+// The most one multi-packet reply carries, and the line that ends a reply
+// cut there.
+constexpr size_t max_multi_reply_len = 1 << 20;
+constexpr char truncated_line[] = "... truncated\n";
+constexpr size_t truncated_len = sizeof truncated_line - 1;
+
+// Cuts the len bytes of buf back to the whole lines that leave room for
+// truncated_line within cap, and appends it; returns the new length. buf
+// must hold at least cap bytes. Inline: the one-threaded walker uses it
+// without linking the library.
+inline size_t cut_to_whole_lines(uint8_t* buf, size_t len, size_t cap) {
+    size_t keep = std::min(len, cap - truncated_len);
+    while (keep > 0 && buf[keep - 1] != '\n') {
+        keep--;
+    }
+    memcpy(buf + keep, truncated_line, truncated_len);
+    return keep + truncated_len;
+}

@@ -14,9 +14,6 @@
 
 namespace {
 
-const char truncated_line[] = "... truncated\n";
-constexpr int truncated_len = sizeof truncated_line - 1;
-
 std::string proc_path(pid_t pid) {
     return "/proc/" + std::to_string(pid);
 }
@@ -139,17 +136,9 @@ int text_out::finish() {
     if (!truncated) {
         return len;
     }
-    while (len > 0 && cap - len < truncated_len) {
-        // Drop the last whole line: back to the newline before it.
-        int i = len - 1;
-        while (i > 0 && buf[i - 1] != '\n') {
-            i--;
-        }
-        len = i;
-    }
-    if (cap - len >= truncated_len) {
-        memcpy(buf + len, truncated_line, truncated_len);
-        len += truncated_len;
+    if (cap >= static_cast<int>(truncated_len)) {
+        len = static_cast<int>(cut_to_whole_lines(reinterpret_cast<uint8_t*>(buf),
+                                                  static_cast<size_t>(len), static_cast<size_t>(cap)));
     }
     return len;
 }

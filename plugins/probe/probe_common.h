@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "wire/reply.h"
+
 class comm_data;
 
 // Entry points are the only functions of the plug-in that it exports.
@@ -59,7 +61,7 @@ std::string probe_thread_name(pid_t pid, pid_t tid);
 
 // The most text a reply carries; longer text is cut and marked as
 // text_out does.
-constexpr int probe_max_reply = 1 << 20;
+constexpr int probe_max_reply = static_cast<int>(max_multi_reply_len);
 
 // Answers c's request with len bytes of text. Up to the reply buffer's
 // capacity (8192 bytes) the text is copied there and its length returned,

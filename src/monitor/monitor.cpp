@@ -11,6 +11,8 @@
 #include <cstring>
 #include <iostream>
 
+#include "wire/reply.h"
+
 #define LOG_TAG "VO_MONITOR"
 
 monitor::monitor() {
@@ -75,6 +77,53 @@ void monitor::back_key_client_id(const std::string& key, int num) {
     }
 }
 
+namespace {
+// Answers a "read-all" command: the whole file, as one multi-packet reply
+// when it is longer than one packet. A file that ends within the first
+// max_send_len - 1 bytes answers as one read-all read always has. Past
+// max_multi_reply_len the reply is the whole lines that leave room for the
+// truncation line, then that line.
+int reply_whole_file(comm_data* c, const std::string& path, bool cached) {
+    page_buffer whole;  // mapped only for a file longer than one packet
+    int n = file_cache::read_file_whole(path, c->send_data->msg, c->max_send_len, cached, whole,
+                                        max_multi_reply_len + 1);
+    if (n < c->max_send_len) {
+        return n;
+    }
+    size_t len = static_cast<size_t>(n);
+    if (len > max_multi_reply_len) {
+        len = cut_to_whole_lines(whole.data, len, max_multi_reply_len);
+    }
+    return send_reply(c, whole.data, len);
+}
+
+// A file command's reply: its file, or for a $pid path the file of the
+// request's pid, read once or (read-all) whole.
+int file_reply(const mon_cmd& cmd, comm_data* c) {
+    uint8_t* reply = c->send_data->msg;
+    if (cmd.type == FILE_TYPE) {
+        const std::string& path = cmd.file_t.mon_file;
+        // The path ends at its first zero character; copy only when one is
+        // embedded, so the common case allocates nothing.
+        if (cmd.read_all) {
+            return reply_whole_file(c, std::string(path.c_str()), true);
+        }
+        return strlen(path.c_str()) == path.size()
+                   ? file_cache::read_file(path, reply, c->max_send_len, true)
+                   : file_cache::read_file(std::string(path.c_str()), reply, c->max_send_len, true);
+    }
+    std::string pid_file = cmd.file_t.mon_file;
+    size_t found = pid_file.find("$pid");
+    if (found != std::string::npos) {
+        uint32_t pid = u8_to_u32(c->recv_data->msg);
+        pid_file.replace(found, 4, std::to_string(pid));
+    }
+    // Per-process paths are many and short-lived: never cached.
+    return cmd.read_all ? reply_whole_file(c, pid_file, false)
+                        : file_cache::read_file(pid_file, reply, c->max_send_len, false);
+}
+}  // namespace
+
 bool monitor::parse_config(const std::string& config) {
     configs = std::make_unique<config_parser>(config);
     return configs->parse_config();
@@ -129,39 +178,18 @@ int monitor::handle_request(comm_data* every_comm) {
     std::shared_ptr<sub_config> cfg = sub_it->second;
     auto cmd_it = cfg->cmds.find(sub_command);
     if (cmd_it == cfg->cmds.end()) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "No sub-command 0x%x in %s\n",
-                            sub_command, cfg->sub_file.c_str());
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "No sub-command 0x%x in %s\n", sub_command,
+                            cfg->sub_file.c_str());
         return -22;
     }
     std::shared_ptr<mon_cmd> cmd = cmd_it->second;
 
     int ret;
     switch (cmd->type) {
-        case FILE_TYPE: {
-            const std::string& path = cmd->file_t.mon_file;
-            // The path ends at its first zero character; copy only when one is
-            // embedded, so the common case allocates nothing.
-            if (strlen(path.c_str()) == path.size()) {
-                ret = file_cache::read_file(path, reply, every_comm->max_send_len, true,
-                                            cmd->read_all);
-            } else {
-                ret = file_cache::read_file(std::string(path.c_str()), reply,
-                                            every_comm->max_send_len, true, cmd->read_all);
-            }
+        case FILE_TYPE:
+        case DYN_FILE_TYPE:
+            ret = file_reply(*cmd, every_comm);
             break;
-        }
-        case DYN_FILE_TYPE: {
-            std::string pid_file = cmd->file_t.mon_file;
-            size_t found = pid_file.find("$pid");
-            if (found != std::string::npos) {
-                uint32_t pid = u8_to_u32(req->msg);
-                pid_file.replace(found, 4, std::to_string(pid));
-            }
-            // Per-process paths are many and short-lived: never cached.
-            ret = file_cache::read_file(pid_file, reply, every_comm->max_send_len, false,
-                                        cmd->read_all);
-            break;
-        }
         case CUSTOM_TYPE:
             if (cmd->cust_t.function == nullptr) {
                 return -6;
@@ -178,9 +206,13 @@ int monitor::handle_request(comm_data* every_comm) {
     return ret;
 }
 
-int monitor::wait_for_connection() { return comm->listen_connect(); }
+int monitor::wait_for_connection() {
+    return comm->listen_connect();
+}
 
-int monitor::recv_request(comm_data* every_comm) { return every_comm->recv_msg(); }
+int monitor::recv_request(comm_data* every_comm) {
+    return every_comm->recv_msg();
+}
 
 int monitor::ack_request(int len, comm_data* every_comm) {
     // Above the limit a plug-in has answered on its own.
@@ -215,8 +247,8 @@ int start_security(monitor* mon, const main_config& mc) {
 void monitor_helper_thread(monitor* mon) {
     const main_config& mc = *mon->configs->mconfig;
     mon->comm = std::make_unique<server_comm>(mc.ip, mc.port);
-    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "vireo-monitor listening %s:%d",
-                        mc.ip.c_str(), mc.port);
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "vireo-monitor listening %s:%d", mc.ip.c_str(),
+                        mc.port);
     if (mc.secure && start_security(mon, mc) != 0) {
         return;
     }
@@ -273,8 +305,7 @@ void* worker_routine(void* mon_void) {
         }
         ret = mon->handle_request(every_comm);
         if (ret < 0) {
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Handle request error with %d\n",
-                                ret);
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Handle request error with %d\n", ret);
         }
         mon->ack_request(ret, every_comm);
     }

@@ -92,6 +92,57 @@ int forward(void* from, void* to, bool user_id, connection_guard* guard) {
     zmq_msg_close(&part);
     return 1;
 }
+
+// The routing id of the index'th worker's socket on the queue's router.
+std::string worker_id(int index) {
+    return "worker-" + std::to_string(index);
+}
+
+// Passes one worker's reply on to its client; the worker is idle again.
+// 1, 0 when no reply waits, -1 when a socket fails.
+int take_reply(void* workers, void* socket, std::vector<std::string>& idle) {
+    zmq_msg_t id;
+    zmq_msg_init(&id);
+    if (zmq_msg_recv(&id, workers, ZMQ_DONTWAIT) == -1) {
+        zmq_msg_close(&id);
+        return errno == EAGAIN ? 0 : -1;
+    }
+    bool more = zmq_msg_more(&id) != 0;
+    idle.emplace_back(static_cast<const char*>(zmq_msg_data(&id)), zmq_msg_size(&id));
+    zmq_msg_close(&id);
+    return more ? forward(workers, socket, false, nullptr) : 1;
+}
+
+// Hands the next waiting request, user id inserted, to the idle worker last
+// back (its cache is warm). A worker the router does not know yet (its
+// connect still on the way) moves to unseen. 1, 0 when no request waits or
+// no worker is reachable, -1 when a socket fails.
+int dispatch(void* socket, void* workers, std::vector<std::string>& idle,
+             std::vector<std::string>& unseen, connection_guard* guard) {
+    // A router reports a message only once it holds it, so the receive
+    // that follows the worker's id cannot come up empty.
+    int events = 0;
+    size_t events_size = sizeof events;
+    if (zmq_getsockopt(socket, ZMQ_EVENTS, &events, &events_size) != 0) {
+        return -1;
+    }
+    if ((events & ZMQ_POLLIN) == 0) {
+        return 0;
+    }
+    while (!idle.empty()) {
+        std::string id = std::move(idle.back());
+        idle.pop_back();
+        if (zmq_send(workers, id.data(), id.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) == -1) {
+            if (errno == ETERM) {
+                return -1;
+            }
+            unseen.push_back(std::move(id));
+            continue;
+        }
+        return forward(socket, workers, true, guard) == -1 ? -1 : 1;
+    }
+    return 0;
+}
 }  // namespace
 
 server_comm::server_comm(std::string ip_addr, int port) : ip_addr(std::move(ip_addr)), port(port) {}
@@ -132,7 +183,11 @@ int server_comm::listen_connect() {
                             zmq_strerror(errno));
         return -3;
     }
-    workers = zmq_socket(context, ZMQ_DEALER);
+    // Behind CURVE the daemon runs the queue itself and hands each request
+    // to an idle worker only, so that walks holding workers delay nothing
+    // else; each worker is addressed by the routing id create_comm gives it.
+    bool own_queue = !curve_secret.empty();
+    workers = zmq_socket(context, own_queue ? ZMQ_ROUTER : ZMQ_DEALER);
     if (workers == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "zmq workers error, %s\n",
                             zmq_strerror(errno));
@@ -140,8 +195,9 @@ int server_comm::listen_connect() {
     }
     // Requests wait in the router's queues, a few KiB each at most, rather
     // than by thousands in each worker's (up to 64 KiB each): with this and
-    // the workers' worker_rcvhwm, a worker holds at most two waiting.
-    set_int(workers, ZMQ_SNDHWM, 1);
+    // the workers' worker_rcvhwm, a worker holds at most two waiting. The
+    // own queue sends only to idle workers, and learns of an unknown id.
+    set_int(workers, own_queue ? ZMQ_ROUTER_MANDATORY : ZMQ_SNDHWM, 1);
     // Deliberately unchecked: a fresh context always has the name free.
     zmq_bind(workers, "inproc://workers");
     return 0;
@@ -150,7 +206,10 @@ int server_comm::listen_connect() {
 comm_data* server_comm::create_comm(void* socket) {
     comm_data* every_comm = new comm_data(socket);
     std::lock_guard<std::mutex> lock(comm_list_lock);
+    std::string id = worker_id(static_cast<int>(comm_list.size()));
+    zmq_setsockopt(socket, ZMQ_ROUTING_ID, id.data(), id.size());
     comm_list.push_back(every_comm);
+    registered.store(static_cast<int>(comm_list.size()));
     return every_comm;
 }
 
@@ -182,31 +241,31 @@ int server_comm::queue_with_user_id() {
     // Bursts keep the poll calls few under load; the bound keeps one side
     // from starving the other.
     constexpr int burst = 64;
-    // Requests are taken only while the dealer can pass them on, so that
-    // busy workers do not hold up the replies coming back. (A send that
-    // fills the workers' queues mid-burst waits until a worker takes one.)
-    auto can_send = [this] {
-        int events = 0;
-        size_t events_size = sizeof events;
-        return zmq_getsockopt(workers, ZMQ_EVENTS, &events, &events_size) == 0 &&
-               (events & ZMQ_POLLOUT) != 0;
-    };
+    std::vector<std::string> idle, unseen;
+    int known = 0;
     while (true) {
-        bool sendable = can_send();
-        zmq_pollitem_t items[2] = {
-            {workers, 0, static_cast<short>(ZMQ_POLLIN | (sendable ? 0 : ZMQ_POLLOUT)), 0},
-            {socket, 0, ZMQ_POLLIN, 0}};
-        if (zmq_poll(items, sendable ? 2 : 1, -1) == -1) {
+        for (int n = registered.load(); known < n; known++) {
+            idle.push_back(worker_id(known));
+        }
+        // A worker not connected yet is tried again every 10 ms while no
+        // other is idle; so is the list of workers before any registered.
+        bool retry = idle.empty() && !unseen.empty();
+        zmq_pollitem_t items[2] = {{workers, 0, ZMQ_POLLIN, 0}, {socket, 0, ZMQ_POLLIN, 0}};
+        if (zmq_poll(items, idle.empty() ? 1 : 2, retry || known == 0 ? 10 : -1) == -1) {
             if (errno == EINTR) {
                 continue;
             }
             return -1;
         }
-        int rc = 0;
-        for (int i = 0; i < burst && (rc = forward(workers, socket, false, nullptr)) == 1; i++) {
+        if (retry) {
+            idle.swap(unseen);
         }
-        if (rc == 0 && sendable) {
-            for (int i = 0; i < burst && (rc = forward(socket, workers, true, guard)) == 1; i++) {
+        int rc = 0;
+        for (int i = 0; i < burst && (rc = take_reply(workers, socket, idle)) == 1; i++) {
+        }
+        for (int i = 0; rc != -1 && i < burst && !idle.empty(); i++) {
+            if ((rc = dispatch(socket, workers, idle, unseen, guard)) != 1) {
+                break;
             }
         }
         if (rc == -1 && errno == ETERM) {

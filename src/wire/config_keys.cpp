@@ -31,7 +31,7 @@ const char* scope_name(config_scope scope) {
 // clang-format off
 const config_key config_keys[config_key_count] = {
     {S::main, "mode", K::text, true, nullptr, any_min, any_max, "free text, kept and not interpreted"},
-    {S::main, "server_ip", K::text, true, nullptr, any_min, any_max, "address the endpoint binds to (tcp://IP:PORT)"},
+    {S::main, "server_ip", K::text, true, nullptr, any_min, any_max, "IP address the endpoint binds to: tcp://server_ip:port"},
     {S::main, "port", K::integer, true, nullptr, 1, 65535, "TCP port of the endpoint"},
     {S::main, "sub-configs", K::list, true, nullptr, any_min, any_max, "the groups of commands, one object each"},
     {S::group, "class", K::text, true, nullptr, any_min, any_max, "name of the group"},
@@ -43,7 +43,7 @@ const config_key config_keys[config_key_count] = {
     {S::entry, "id", K::hex, true, nullptr, any_min, any_max, "sub-command id; the first command with an id is kept"},
     {S::entry, "type", K::text, true, nullptr, any_min, any_max, "\"file\" or \"custom\"; any other is skipped"},
     {S::entry, "file", K::text, true, "file", any_min, any_max, "file whose contents answer; \"$pid\" is the request's pid"},
-    {S::entry, "read-all", K::flag, false, "file", any_min, any_max, "read until the reply is full or the file ends"},
+    {S::entry, "read-all", K::flag, false, "file", any_min, any_max, "the whole file, up to 1 MiB, in several packets if need be"},
     {S::entry, "lib", K::text, true, "custom", any_min, any_max, "plug-in library, passed to dlopen as written"},
     {S::entry, "symbols", K::text, true, "custom", any_min, any_max, "name of the plug-in's function"},
     {S::entry, "detach", K::flag, false, "custom", any_min, any_max, "kept only: the function runs on the worker"},

@@ -2,6 +2,7 @@
 
 #include <zmq.h>
 
+#include <cerrno>
 #include <cstring>
 
 const int conn_watched_events =
@@ -29,6 +30,10 @@ conn_verdict conn_watch::feed(uint16_t event, uint32_t event_value) {
             connected = true;
             break;
         case ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL:
+            if (event_value == EAGAIN) {  // the handshake timer ran out
+                value = event_value;
+                return conn_verdict::no_handshake;
+            }
             count_failure(conn_verdict::handshake_closed);
             break;
         case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:

@@ -24,6 +24,24 @@ int malformed(std::string* why, std::string text) {
     return wire_malformed;
 }
 
+// What no daemon sends, whatever the fields say: more packets than a reply
+// may have, or a frame longer than one packet.
+int check_bounds(const std::vector<std::vector<uint8_t>>& parts, std::string& why) {
+    if (parts.size() > max_reply_packets) {
+        why = "reply of " + std::to_string(parts.size()) + " packets, over " +
+              std::to_string(max_reply_packets);
+        return wire_malformed;
+    }
+    for (const std::vector<uint8_t>& p : parts) {
+        if (p.size() > static_cast<size_t>(max_reply_frame)) {
+            why = "frame of " + n_bytes(p.size()) + " is over one packet (" +
+                  std::to_string(max_reply_frame) + " bytes)";
+            return wire_malformed;
+        }
+    }
+    return 0;
+}
+
 int parse_packets(const std::vector<std::vector<uint8_t>>& parts, uint32_t command,
                   uint32_t sub_command, client_reply& out, std::string& why) {
     const size_t count = parts.size();
@@ -107,6 +125,9 @@ int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command
         why = "empty reply";
         return wire_malformed;
     }
+    if (int rc = check_bounds(parts, why); rc != 0) {
+        return rc;
+    }
     const std::vector<uint8_t>& first = parts[0];
     out.frame_len = first.size();
     const std::string what =
@@ -119,6 +140,11 @@ int parse_reply(const std::vector<std::vector<uint8_t>>& parts, uint32_t command
     const int64_t len = out.header().msg_len;
     if (parts.size() > 1) {
         return parse_packets(parts, command, sub_command, out, why);
+    }
+    if (len > max_reply_payload) {
+        why = "msg_len " + std::to_string(len) + " is over one packet's " +
+              std::to_string(max_reply_payload) + " bytes";
+        return wire_malformed;
     }
     // A status travels in msg_len and cuts the frame to msg_len + 48 bytes,
     // but never below the prefix that holds it.

@@ -42,17 +42,24 @@ TEST(check_config, reports_each_problem_where_it_is) {
         {"GOOD", R"("security": {"secret-key": "server.key", "authorized-keys": "twice.keys"}, )", "ENTRY",
          "twice.keys:2:1: error: key listed twice", 1},
         {"GOOD", "unreadable", "ENTRY", R"(nothing.json: error: cannot open "nothing.json": No such file or directory)", 78},
+        {"GOOD", "--keys", "ENTRY", "main file\t\"mode\"\ttext\trequired\tfree text, kept and not interpreted", 0},
+        // The service's copy of a root-only key: its source is checked, by the unit's LoadCredential=.
+        {"GOOD", R"("security": {"secret-key": "/run/credentials/vireo-monitor.service/server.key", "authorized-keys": "one.keys"}, )", "ENTRY",
+         R"(main.json:1:82: warning: "/run/credentials/vireo-monitor.service/server.key" exists only while vireo-monitor.service runs: LoadCredential= in DIR/vireo-monitor.service copies "DIR/server.key" there, checked instead)", 0},
+        // The client's own keys, ~ as the home folder (HOME is the directory); faults are warnings.
+        {"GOOD", R"("client": {"server-key": "~/server.key", "key": "~/server.key"}, )", "ENTRY", "main.json: 0 errors, 0 warnings; 1 group, 1 command", 0},
+        {"GOOD", R"("client": {"server-key": "~/absent.pub"}, )", "ENTRY", R"(main.json:1:80: warning: cannot open "DIR/absent.pub": No such file or directory)", 0},
         {"GOOD", "LAN", "ENTRY", R"(main.json:1:28: warning: plaintext endpoint on "0.0.0.0": anyone who reaches it is answered and can exhaust the daemon's memory; add "security" or listen on 127.0.0.1)", 0}};
     // clang-format on
     for (const auto& row : rows) {
         temp_dir dir;
         std::string keys = row.keys,
-                    main_file = keys == "unreadable" ? "nothing.json" : "main.json";
+                    main_file = keys == "unreadable" ? "nothing.json" : keys == "--keys" ? keys : "main.json";
         std::string head = keys == "-" ? "" : R"("mode": "m", )";
         dir.write("main.json",
                   "{" + head + R"("server_ip": ")" + (keys == "LAN" ? "0.0.0.0" : "127.0.0.1") +
                       R"(", "port": 6600, )" +
-                      (keys == "-" || keys == "unreadable" || keys == "LAN" ? "" : keys) +
+                      (keys == "-" || keys == "unreadable" || keys == "LAN" || keys == "--keys" ? "" : keys) +
                       R"("sub-configs": [)" + replace_all(row.groups, "GOOD", good) + "]}");
         dir.write("sub.json",
                   R"({"cmd-list": [)" +
@@ -61,13 +68,15 @@ TEST(check_config, reports_each_problem_where_it_is) {
         const std::string key = "0123456789abcdefghij0123456789abcdefghij";
         chmod(dir.write("server.key", key + "\n").c_str(), 0600);
         dir.write("twice.keys", key + " a *\n" + key + " b 10\n");
+        dir.write("one.keys", key + " a *\n");
+        dir.write("vireo-monitor.service", "[Service]\nLoadCredential=server.key:" + dir.path() + "/server.key\n");
         std::string out = dir.path() + "/out";
-        int st = system(("cd " + dir.path() +
-                         " && timeout -s KILL 20 " VIREO_CLIENT_BIN " check-config " + main_file +
+        int st = system(("cd " + dir.path() + " && HOME=" + dir.path() + " SYSTEMD_UNIT_PATH=" + dir.path() +
+                         " timeout -s KILL 20 " VIREO_CLIENT_BIN " check-config " + main_file +
                          " >" + out)
                             .c_str());
         std::string got = read_text_file(out);
-        EXPECT_EQ(got.substr(0, got.find('\n')), replace_all(row.want, "LIB", lib)) << got;
+        EXPECT_EQ(got.substr(0, got.find('\n')), replace_all(replace_all(row.want, "LIB", lib), "DIR", dir.path())) << got;
         EXPECT_EQ(WIFEXITED(st) ? WEXITSTATUS(st) : -1, row.status) << got;
     }
 }

@@ -1,7 +1,8 @@
 // What vireo-client says, and with which exit status, when it cannot get an
 // answer: a refused connection, an unknown host, a server that never answers,
-// every way a CURVE handshake is refused, a full disk, a usage error; and its
-// key pairs.
+// every way a CURVE handshake is refused, a full disk, a usage error; what it
+// adds to a daemon's status (a missing --pid, an absent process); and its key
+// pairs.
 #include <sys/stat.h>
 #include <zmq.h>
 
@@ -9,6 +10,12 @@
 #include <thread>
 
 #include "client_run.h"
+
+#ifdef VIREO_PROBE_SO
+#define VIREO_PROBE_ENTRY ", {\"name\": \"stack\", \"id\": \"3\", \"type\": \"custom\", \"lib\": \"" VIREO_PROBE_SO "\", \"symbols\": \"probe_stack\"}"
+#else
+#define VIREO_PROBE_ENTRY ""
+#endif
 
 namespace {
 using std::string;
@@ -85,6 +92,10 @@ TEST(client_failures, each_has_its_message_and_status) {
     EXPECT_TRUE(stat((d + "/alice.key").c_str(), &st) == 0 && (st.st_mode & 0777) == 0600) << std::oct << st.st_mode;
     EXPECT_TRUE(made.out.size() == 41 && alice_pub.substr(alice_pub.find('\n') + 1) == made.out) << alice_pub << made.out;
     expect_run("keygen " + d + "/alice", 74, "", d + "/alice.key exists already");
+    // Missing folders are made, 0700 as ~/.ssh is; ~ the shell left is the home.
+    run_result nested = run_client("keygen '~/.config/vireo/me'", "env HOME=" + d);
+    EXPECT_TRUE(nested.status == 0 && stat((d + "/.config").c_str(), &st) == 0 && (st.st_mode & 0777) == 0700 &&
+                read_text_file(d + "/.config/vireo/me.pub").find(nested.out) != string::npos) << nested.err << std::oct << st.st_mode;
     EXPECT_EQ(read_text_file(d + "/alice.key") + read_text_file(d + "/alice.pub"), alice_sec + alice_pub);
     const string alice_key = alice_pub.substr(alice_pub.find('\n') + 1, 40);
     curve_server secure(alice_key);
@@ -93,7 +104,22 @@ TEST(client_failures, each_has_its_message_and_status) {
     const string quiet = "tcp://127.0.0.1:" + std::to_string(free_port()), refused = "127.0.0.1:" + std::to_string(free_port());
     ASSERT_EQ(zmq_bind(silent.socket(), quiet.c_str()), 0);
     const string s = "-e " + secure.endpoint + " --server-key " + d + "/server.pub ", alice = "--key " + d + "/alice.key ";
+    // A daemon for what the client adds to a status: a "$pid" file, an echo
+    // of the request's payload, the probe.
+    served_daemon board(R"({"name": "status", "id": "1", "type": "file", "file": "/proc/$pid/status"},
+        {"name": "echo", "id": "2", "type": "custom", "lib": "LIB", "symbols": "plugin_echo"})" VIREO_PROBE_ENTRY);
+    ASSERT_TRUE(board.ready()) << board.daemon->stderr_text();
+    const string b = "-c " + board.main_file + " ", bare = board.endpoint.substr(6);  // without tcp://
+    const string pid_max = std::to_string(std::stol(read_text_file("/proc/sys/kernel/pid_max")));  // never a pid
     struct row { string args; int status; string out, err_has; } rows[] = {
+        {b + "a.status", 1, "", "a.status: error -2 (file could not be opened): no --pid given\n"},
+        {b + "a.status --pid " + pid_max, 1, "", "error -2 (file could not be opened): /proc/" + pid_max + "/status (no process " + pid_max + " on the board, or not readable by the daemon)\n"},
+#ifdef VIREO_PROBE_SO
+        {b + "a.stack", 1, "", "a.stack: error -5022 (probe: bad request (payload under 4 bytes, msg_len above 1024, pid 0)): no --pid given\n"},
+#endif
+        {"-e " + bare + " 10 1", 64, "", "endpoint \"" + bare + "\" needs the form tcp://HOST:PORT (did you mean tcp://" + bare + "?)\n"},
+        {b + "a.echo --pid 258 --tid=16909060", 0, string("\2\1\0\0\4\3\2\1", 8), ""},
+        {b + "a.echo --tid 3", 64, "", "--tid needs --pid: the thread id follows the process id\n"},
         {s + alice + "10 1", 0, "ok", ""},
         {s + "--key=" + d + "/mallory.key 10 1", 5, "", "key not accepted by " + secure.endpoint + " (status 400)"},
         {"-e " + secure.endpoint + " --server-key '" + alice_key + "' " + alice + "10 1", 5, "", "wrong server key"},

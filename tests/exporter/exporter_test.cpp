@@ -7,11 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <thread>
 
 #include "test_util.h"
+#include "zmtp_fake.h"
 
 namespace {
 using std::string;
@@ -53,6 +55,29 @@ string get(int port, const string& path, const httplib::Headers& h = {}, int tri
     return "";
 }
 
+// One GET: status and body (status 0 when nothing answered).
+std::pair<int, string> fetch(int port, const string& path, const httplib::Headers& h = {}) {
+    httplib::Client c("127.0.0.1", port);
+    c.set_read_timeout(10, 0);
+    auto r = c.Get(path.c_str(), h);
+    return r ? std::make_pair(r->status, r->body) : std::make_pair(0, string());
+}
+
+#ifdef VIREO_SANITIZED
+// Shadow memory and the quarantine of freed blocks (never trimmed) leave
+// only a runaway to catch.
+constexpr long rss_ceiling_kib = 4096 * 1024;
+#else
+constexpr long rss_ceiling_kib = 64 * 1024;
+#endif
+
+// Resident set of a process in KiB.
+long rss_kib(pid_t pid) {
+    string s = read_text_file("/proc/" + std::to_string(pid) + "/status");
+    size_t at = s.find("VmRSS:");
+    return at == string::npos ? -1 : std::stol(s.substr(at + 6));
+}
+
 // The value of the sample line that starts with "name " (labels included).
 double value(const string& text, const string& name) {
     size_t at = text.find("\n" + name + " ");
@@ -90,12 +115,13 @@ struct exporter {
     temp_dir dir;
     int port = free_port();
     std::unique_ptr<child> c;
-    explicit exporter(const string& targets = "{}") {
-        c.reset(
-            new child({VIREO_EXPORTER_BIN, "--listen", "127.0.0.1:" + std::to_string(port), "-c",
-                       dir.write("e.json", R"({"targets": )" + targets + R"(, "processes": [
-        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")},
-                      dir.path() + "/log"));
+    explicit exporter(const string& targets = "{}", const string& extra = "",
+                      std::vector<string> args = {}) {
+        args.insert(args.begin(), {VIREO_EXPORTER_BIN, "--listen",
+                                   "127.0.0.1:" + std::to_string(port), "-c",
+                                   dir.write("e.json", R"({"targets": )" + targets + extra + R"(, "processes": [
+        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")});
+        c.reset(new child(args, dir.path() + "/log"));
         EXPECT_NE(get(port, "/"), "") << read_text_file(dir.path() + "/log");
     }
     string probe(const string& target, const string& timeout = "5") {
@@ -119,6 +145,10 @@ TEST(exporter, promtool_accepts_and_values_match) {
     for (string line; std::getline(lint, line);)
         EXPECT_TRUE(line.rfind("vireo_memory_", 0) == 0 && line.find("camelCase") != string::npos)
             << line;
+    // The exporter's own page passes without advice.
+    in = t.write("own.prom", get(e.port, "/metrics"));
+    st = system(("promtool check metrics <" + in + " >" + out + " 2>&1").c_str());
+    EXPECT_EQ(WEXITSTATUS(st), 0) << read_text_file(out);
     std::ifstream mi("/proc/meminfo");
     string key;
     double kb = 0;
@@ -146,20 +176,18 @@ TEST(exporter, down_target_does_not_delay_others) {
     // A board asked for a command it does not have (-22 unknown sub-command).
     exporter e(R"({"odd": {"endpoint": ")" + b.ep +
                R"(", "commands": {"meminfo": {"code": "0x10", "id": "7f"}}}})");
-    int silent_fd = socket(AF_INET, SOCK_STREAM, 0);  // accepts, never speaks
-    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t len = sizeof a;
-    bind(silent_fd, reinterpret_cast<sockaddr*>(&a), len), listen(silent_fd, 8),
-        getsockname(silent_fd, reinterpret_cast<sockaddr*>(&a), &len);
+    zmtp_fake mute(zmtp_fake::mute, "ROUTER"), not_zmq(zmtp_fake::no_zmtp, "ROUTER");
     struct {
         string target, reason;
     } rows[] = {{"tcp://127.0.0.1:" + std::to_string(free_port()), "refused"},
-                {"tcp://127.0.0.1:" + std::to_string(ntohs(a.sin_port)), "timeout"},
-                {"odd", "error"}};
+                {mute.ep, "timeout"},
+                {"odd", "error"},
+                {not_zmq.ep, "handshake"},
+                {"tcp://127.0.0.1:" + std::to_string(e.port), "handshake"}};
     for (auto& r : rows) {
-        auto down = std::async(std::launch::async, [&] { return e.probe(r.target, "1.5"); });
+        auto down = std::async(std::launch::async, [&] { return e.probe(r.target, "2"); });
         usleep(100000);
-        string live = e.probe(b.ep, "1.5");
+        string live = e.probe(b.ep, "2");
         bool down_still_running =
             down.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
         string text = down.get();
@@ -170,13 +198,12 @@ TEST(exporter, down_target_does_not_delay_others) {
                   r.reason == "error" ? -22 : -1)
             << text;
     }
-    close(silent_fd);
     string own = get(e.port, "/metrics");
     EXPECT_EQ(value(own, "vireo_exporter_probe_errors_total{target=\"" + rows[1].target +
                              "\",reason=\"timeout\"}"),
               1)
         << own;
-    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + b.ep + "\"}"), 3) << own;
+    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + b.ep + "\"}"), 5) << own;
 }
 
 TEST(exporter, prometheus_scrapes_two_boards) {
@@ -225,6 +252,187 @@ TEST(exporter, refuses_bad_configurations) {
         EXPECT_EQ(WEXITSTATUS(st), 78) << r.json;
         EXPECT_NE(read_text_file(err).find(r.err), string::npos) << r.json << "\n"
                                                                  << read_text_file(err);
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// Bad spellings of a board get 400 and one line; 2,000 long targets and more
+// names than max-targets leave /metrics bounded: 3 targets of 20 series, each
+// line under 400 bytes (targets are at most 256 characters).
+TEST(exporter_attack, targets_checked_and_metrics_bounded) {
+    board b;
+    string p = std::to_string(b.port), named;
+    for (int i = 0; i < 5; i++)
+        named += string(i ? "," : "") + "\"" + string(200, 'n') + std::to_string(i) +
+                 "\": {\"endpoint\": \"" + b.ep + "\"}";
+    exporter e("{" + named + "}", R"(, "max-targets": 3)");
+    struct {
+        string target, why;
+    } rows[] = {{"tcp://127.0.0.9:555;127.0.0.1:" + p, "source address"},
+                {"tcp://127.0.0.1:000" + p, "port"},
+                {"tcp://127.0.0.1:" + std::to_string(b.port + 65536), "port"},
+                {"tcp://127.0.0.1:0", "port"},
+                {"tcp://127.1:" + p, "host"},
+                {"tcp://0x7f.0.0.1:" + p, "host"},
+                {"tcp://[::1:" + p, "host"},
+                {"udp://127.0.0.1:" + p, "neither"},
+                {"tcp://" + string(300, 'a') + ":1", "longer than 256"}};
+    for (auto& r : rows) {
+        auto [status, body] = fetch(e.port, "/probe?target=" + r.target);
+        EXPECT_EQ(status, 400) << r.target;
+        EXPECT_NE(body.find(r.why), string::npos) << r.target << ": " << body;
+        EXPECT_EQ(body.find('\n'), body.size() - 1) << body;
+    }
+    for (int i = 0; i < 2000; i++)
+        EXPECT_EQ(fetch(e.port, "/probe?target=tcp://127.0.0.1:" + string(240, '0') +
+                                    std::to_string(i)).first, 400);
+    EXPECT_EQ(value(e.probe(b.ep), "vireo_up"), 1);
+    EXPECT_EQ(value(e.probe("tcp://LocalHost.:" + p), "vireo_up"), 1);
+    string refused = "tcp://127.0.0.1:" + std::to_string(free_port());
+    EXPECT_EQ(value(e.probe(refused), "vireo_up{reason=\"refused\"}"), 0);
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(value(e.probe(string(200, 'n') + std::to_string(i)), "vireo_up"), 1);
+    string own = get(e.port, "/metrics");
+    EXPECT_LT(own.size(), 3 * 20 * 400 + 2000u) << own;
+    EXPECT_LT(rss_kib(e.c->pid), rss_ceiling_kib);
+    for (string t : {b.ep, string("tcp://localhost:") + p, refused, string(200, 'n') + "1"})
+        EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + t + "\"}"), -1) << t;
+    EXPECT_EQ(value(own, "vireo_exporter_probes_total{target=\"" + string(200, 'n') + "4\"}"), 1);
+    exporter only10("{}", "", {"--probe.allow", "10.0.0.0/8,board.lan"});
+    auto [status, body] = fetch(only10.port, "/probe?target=" + b.ep);
+    EXPECT_EQ(status, 400);
+    EXPECT_EQ(body, "target " + b.ep + " is not allowed by --probe.allow\n");
+}
+
+size_t open_fds(pid_t pid) {
+    size_t n = 0;
+    for (auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
+        n += e.exists() ? 1 : 0;
+    return n;
+}
+
+// Hostile HTTP clients against 4 threads: absurd timeout headers are refused,
+// a huge one is clamped to the configured timeout, probes whose client left
+// end, and 100 connections stuck in their header hold no thread. After each,
+// the board is probed fine.
+TEST(exporter_attack, http_clients_cannot_hold_threads) {
+    board b;
+    zmtp_fake silent(zmtp_fake::mute, "ROUTER");
+    exporter e("{}", R"(, "threads": 4, "timeout": 1)");
+    for (const char* h : {"inf", "nan", "1e300", "1e13", "1000000", "-1", "0", "5s"}) {
+        auto [status, body] = fetch(e.port, "/probe?target=" + b.ep,
+                                    {{"X-Prometheus-Scrape-Timeout-Seconds", h}});
+        EXPECT_EQ(status, 400) << h;
+        EXPECT_NE(body.find("not a number of seconds"), string::npos) << h << ": " << body;
+    }
+    std::vector<std::future<string>> held;
+    for (int i = 0; i < 4; i++)
+        held.push_back(std::async(std::launch::async, [&] { return e.probe(silent.ep, "3600"); }));
+    for (auto& f : held) EXPECT_EQ(value(f.get(), "vireo_up{reason=\"timeout\"}"), 0);
+    EXPECT_EQ(value(e.probe(b.ep), "vireo_up"), 1);
+
+    // Two probes that wait on two mute boards hold this address's share of
+    // 2 threads: a third request is refused until their clients leave.
+    exporter slow("{}", R"(, "threads": 2, "timeout": 60)");
+    zmtp_fake mute2(zmtp_fake::mute, "ROUTER");
+    std::vector<std::thread> leaving;
+    const auto silent_before = silent.messages.load();  // it answered nothing to the probes above too
+    for (zmtp_fake* f : {&silent, &mute2})
+        leaving.emplace_back([&, f] {
+            httplib::Client c("127.0.0.1", slow.port);
+            c.set_read_timeout(3, 0);
+            c.Get(("/probe?target=" + f->ep).c_str());
+        });
+    for (int i = 0; i < 1000 && (silent.messages <= silent_before || mute2.messages < 1); i++)
+        usleep(10000);
+    auto [status, body] = fetch(slow.port, "/metrics");
+    EXPECT_EQ(status, 503);
+    EXPECT_EQ(body, "too many requests from this address at once\n");
+    for (auto& t : leaving) t.join();
+    EXPECT_EQ(value(get(slow.port, "/probe?target=" + b.ep), "vireo_up"), 1);
+    string own = get(slow.port, "/metrics");
+    for (zmtp_fake* f : {&silent, &mute2})
+        EXPECT_EQ(value(own, "vireo_exporter_probe_errors_total{target=\"" + f->ep +
+                                 "\",reason=\"timeout\"}"), 1) << own;
+
+    std::vector<int> stuck;
+    for (int i = 0; i < 100; i++) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{AF_INET, htons(e.port), {htonl(INADDR_LOOPBACK)}, {}};
+        if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
+            send(fd, "GET /probe?tar", 14, MSG_NOSIGNAL);
+        stuck.push_back(fd);
+    }
+    EXPECT_EQ(value(e.probe(b.ep), "vireo_up"), 1);
+    EXPECT_LT(open_fds(e.c->pid), 64u);
+    // The newest stuck one is answered 408 at its header deadline.
+    timeval tv{10, 0};
+    setsockopt(stuck.back(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    char reply[13] = {};
+    recv(stuck.back(), reply, 12, MSG_WAITALL);
+    EXPECT_STREQ(reply, "HTTP/1.1 408");
+    for (int fd : stuck) close(fd);
+}
+
+// A second exporter on a busy port says so and exits non-zero.
+TEST(exporter_attack, one_exporter_per_port) {
+    exporter e;
+    temp_dir t;
+    string err = t.path() + "/err";
+    int st = system((VIREO_EXPORTER_BIN " --listen 127.0.0.1:" + std::to_string(e.port) + " 2>" +
+                     err).c_str());
+    EXPECT_EQ(WEXITSTATUS(st), 1);
+    EXPECT_EQ(read_text_file(err), "vireo-exporter: cannot listen on 127.0.0.1:" +
+                                       std::to_string(e.port) + ": Address already in use\n");
+}
+
+// Hostile boards cost bounded memory: a 600 MB frame, a reply of more
+// packets than a file takes, a multi-part reply without end.
+TEST(exporter_attack, hostile_boards_cost_bounded_memory) {
+    board b;
+    exporter e("{}", R"(, "timeout": 1)");
+    struct {
+        zmtp_fake::mode m;
+        string reason;
+    } rows[] = {{zmtp_fake::huge_frame, "timeout"},
+                {zmtp_fake::many_packets, "malformed"},
+                {zmtp_fake::endless_parts, "timeout"}};
+    for (auto& r : rows) {
+        zmtp_fake fake(r.m, "ROUTER");
+        string text = e.probe(fake.ep);
+        EXPECT_EQ(value(text, "vireo_up{reason=\"" + r.reason + "\"}"), 0) << r.m << text;
+        EXPECT_EQ(value(e.probe(b.ep), "vireo_up"), 1);
+    }
+    // Freed memory goes back to the system on the exporter's next timer tick.
+    for (int i = 0; i < 50 && rss_kib(e.c->pid) >= rss_ceiling_kib; i++) usleep(100000);
+    EXPECT_LT(rss_kib(e.c->pid), rss_ceiling_kib);
+}
+
+// Descriptors of an exporter once they stop falling: closed links free
+// theirs on libzmq's own thread, a moment after the probe.
+size_t settled_fds(pid_t pid, size_t want) {
+    size_t now = 0;
+    for (int i = 0; i < 50 && (now = open_fds(pid)) > want; i++) usleep(100000);
+    return now;
+}
+
+// 20 probes of one board at once keep at most 4 links; idle ones are closed
+// on a timer, without another probe. (The ZeroMQ context's threads take 4
+// descriptors at the first socket.)
+TEST(exporter_attack, links_capped_and_swept) {
+    board b;
+    exporter kept, swept("{}", R"(, "link-idle-timeout": 0.5)");
+    for (exporter* e : {&kept, &swept}) {
+        size_t before = open_fds(e->c->pid) + 4;
+        std::vector<std::future<string>> probes;
+        for (int i = 0; i < 20; i++)
+            probes.push_back(std::async(std::launch::async, [&] { return e->probe(b.ep); }));
+        for (auto& f : probes) EXPECT_EQ(value(f.get(), "vireo_up"), 1);
+        size_t links = e == &kept ? 4 : 0;
+        EXPECT_LE(settled_fds(e->c->pid, before + links * 3), before + links * 3);
     }
 }
 

@@ -80,6 +80,7 @@ cases=(
   "example plug-in (CMake package)|0x40 1|near $up"
   "example plug-in reads the payload through the daemon's helper|0x40 1 --hex 00e1f505|near $((up - 100000000))"
   "example plug-in (pkg-config)|0x40 2|near $up"
+  "the board's command table, read by the describe plug-in|0xDE5C 1|grep -qP '^0x40\t0x1\tcustom\texample\tuptime\t/'"
 )
 grep -q probe "$tmp/main.json" && cases+=("probe plug-in from the plug-in folder|0x30 1 --pid $$|grep -qP '^$$\t'")
 for c in "${cases[@]}"; do

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zmq.h>
 
 #include <atomic>
 #include <regex>
@@ -70,13 +71,20 @@ struct helper_process {
 
 // The daemon serving the four probe commands as group 0x30 from a link to the
 // plug-in in a folder of its own, beside a probe.conf with these settings, and
-// /proc/loadavg as command 0x10 1.
+// /proc/loadavg as command 0x10 1. With secure, behind CURVE with one client
+// key allowed every code.
 struct probe_daemon {
     temp_dir dir;
     int port = free_port();
-    string ep = "tcp://127.0.0.1:" + std::to_string(port), cmds;
+    string ep = "tcp://127.0.0.1:" + std::to_string(port), cmds, security;
     std::unique_ptr<daemon_process> daemon;
-    explicit probe_daemon(const string& conf) {
+    client_keys keys;
+    explicit probe_daemon(const string& conf, bool secure = false) {
+        char server[2][41], me[2][41];
+        if (secure && zmq_curve_keypair(server[0], server[1]) == 0 && zmq_curve_keypair(me[0], me[1]) == 0) {
+            keys = {server[0], me[0], me[1]};
+            security = R"(, "security": {"secret-key": ")" + dir.write("server.key", string(server[1]) + "\n") + R"(", "authorized-keys": ")" + dir.write("keys", string(me[0]) + " probe *\n") + R"("})";
+        }
         string lib = dir.path() + "/libvireo_probe.so";
         EXPECT_EQ(symlink(VIREO_PROBE_PLUGIN, lib.c_str()), 0);
         dir.write("probe.conf", conf);
@@ -84,11 +92,18 @@ struct probe_daemon {
             cmds += string(cmds.empty() ? "" : ",") + R"({"name": ")" + fn + R"(", "id": ")" + std::to_string(count(cmds, "{") + 1) + R"(", "type": "custom", "lib": ")" + lib + R"(", "symbols": ")" + fn + R"("})";
         string sub = dir.write("probe.json", R"({"cmd-list": [)" + cmds + "]}");
         string sys = dir.write("sys.json", R"({"cmd-list": [{"name": "loadavg", "id": "1", "type": "file", "file": "/proc/loadavg"}]})");
-        daemon.reset(new daemon_process({"-c", dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [{"class": "probe", "code": "0x30", "config": ")" + sub + R"("}, {"class": "system", "code": "0x10", "config": ")" + sys + R"("}]})")}));
-        EXPECT_TRUE(daemon->wait_ready(ep)) << daemon->stderr_text();
+        daemon.reset(new daemon_process({"-c", dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [{"class": "probe", "code": "0x30", "config": ")" + sub + R"("}, {"class": "system", "code": "0x10", "config": ")" + sys + R"("}])" + security + "}")}));
+        bool up = !secure && daemon->wait_ready(ep);
+        for (int i = 0; secure && i < 50 && !up && daemon->running(); i++) {
+            client_conn conn(ep, 200, keys);
+            client_reply r;
+            string why;
+            up = conn.request(0xEAEA, 2, {0}, r, why) == 0;
+        }
+        EXPECT_TRUE(up) << daemon->stderr_text();
     }
     client_reply ask(int sub, const std::vector<uint8_t>& payload, int timeout_ms = 60000, uint32_t code = PROBE) {
-        client_conn conn(ep, timeout_ms);
+        client_conn conn(ep, timeout_ms, keys);
         client_reply r;
         string why;
         EXPECT_EQ(conn.request(code, sub, payload, r, why), 0) << why;
@@ -201,53 +216,60 @@ TEST(probe, targets_exiting_during_walks) {
 // and three that run, walked by 15 clients at once: each walk is answered at
 // once with every thread, the stuck one reported in its place, or answered
 // busy; a file command from another client is answered meanwhile; samples
-// skip the stuck thread; the target is not left traced.
+// skip the stuck thread; the target is not left traced. In plaintext and
+// behind CURVE.
 TEST(probe, wedged_target_holds_no_worker) {
-    probe_daemon d(R"({"deadline-ms": 10000})");
-    helper_process h({"vfork"});
-    ASSERT_EQ(h.read_line(), "ready");
-    if (d.code(STACK, pid_payload(h.pid)) == probe_refused) GTEST_SKIP() << no_ptrace;
-    std::atomic<int> stacks{0}, busy{0}, loads{0};
-    std::vector<string> bad(15);
-    std::vector<std::thread> t;
-    for (int i = 0; i < 15; i++)
-        t.emplace_back([&, i] {
-            for (int k = 0; k < 5; k++) {
-                client_reply r = d.ask(STACK, pid_payload(h.pid), 30000);
-                bool whole = count(r.payload, "Thread ") == 4 && count(r.payload, "    (not stopped: D state)\n") == 1 && count(r.payload, " in vireo_helper_deep+0x") == 3;
-                r.header().msg_len == probe_busy ? busy++ : whole ? stacks++ : (bad[i] = std::to_string(r.header().msg_len) + r.payload, 0);
-            }
-        });
-    for (int i = 0; i < 10; i++) loads += d.ask(1, {}, 5000, SYSTEM).payload.find('/') != string::npos;
-    for (auto& x : t) x.join();
-    EXPECT_EQ(loads, 10);
-    EXPECT_EQ(stacks + busy, 75) << testing::PrintToString(bad);
-    EXPECT_GT(stacks, 0);
-    EXPECT_NE(d.ask(SAMPLE, pid_payload(h.pid)).payload.find("\t[uninterruptible]\n"), string::npos);
-    EXPECT_FALSE(traced(h.pid));
+    for (bool secure : {false, true}) {
+        probe_daemon d(R"({"deadline-ms": 10000})", secure);
+        helper_process h({"vfork"});
+        ASSERT_EQ(h.read_line(), "ready");
+        if (d.code(STACK, pid_payload(h.pid)) == probe_refused) GTEST_SKIP() << no_ptrace;
+        std::atomic<int> stacks{0}, busy{0}, loads{0};
+        std::vector<string> bad(15);
+        std::vector<std::thread> t;
+        for (int i = 0; i < 15; i++)
+            t.emplace_back([&, i] {
+                for (int k = 0; k < 5; k++) {
+                    client_reply r = d.ask(STACK, pid_payload(h.pid), 30000);
+                    bool whole = count(r.payload, "Thread ") == 4 && count(r.payload, "    (not stopped: D state)\n") == 1 && count(r.payload, " in vireo_helper_deep+0x") == 3;
+                    r.header().msg_len == probe_busy ? busy++ : whole ? stacks++ : (bad[i] = std::to_string(r.header().msg_len) + r.payload, 0);
+                }
+            });
+        for (int i = 0; i < 10; i++) loads += d.ask(1, {}, 5000, SYSTEM).payload.find('/') != string::npos;
+        for (auto& x : t) x.join();
+        EXPECT_EQ(loads, 10) << secure;
+        EXPECT_EQ(stacks + busy, 75) << testing::PrintToString(bad);
+        EXPECT_GT(stacks, 0);
+        EXPECT_NE(d.ask(SAMPLE, pid_payload(h.pid)).payload.find("\t[uninterruptible]\n"), string::npos);
+        EXPECT_FALSE(traced(h.pid));
+    }
 }
 
 // Walks hold at most max-walks workers: with walkers that never answer, two
 // of four walks of different processes wait out their deadline, the other
-// two are answered busy at once, and file commands are answered. (A request
-// the daemon queues to a worker inside a walk waits for that walk.)
+// two are answered busy at once, and file commands are answered. In plaintext
+// a request the daemon queues to a worker inside a walk waits for that walk;
+// behind CURVE requests go to idle workers only, so each is answered within
+// half the walk deadline.
 TEST(probe, walks_hold_at_most_max_walks_workers) {
     temp_dir bin;
     string silent = bin.write("walker", "#!/bin/sh\nexec cat <&3 >/dev/null\n");
     ASSERT_EQ(chmod(silent.c_str(), 0755), 0);
-    probe_daemon d(R"({"deadline-ms": 3000, "max-walks": 2, "walker": ")" + silent + R"("})");
-    helper_process h[3];
-    for (auto& x : h) ASSERT_EQ(x.read_line(), "ready");
-    pid_t targets[] = {h[0].pid, h[1].pid, h[2].pid, getpid()};
-    std::vector<int32_t> codes(4);
-    std::vector<std::thread> t;
-    for (int i = 0; i < 4; i++) t.emplace_back([&, i] { codes[i] = d.code(STACK, pid_payload(targets[i]), 10000); });
-    int loads = 0;
-    for (int i = 0; i < 3; i++) loads += d.ask(1, {}, 10000, SYSTEM).payload.find('/') != string::npos;
-    for (auto& x : t) x.join();
-    EXPECT_EQ(loads, 3);
-    EXPECT_EQ(std::count(codes.begin(), codes.end(), probe_deadline), 2) << testing::PrintToString(codes);
-    EXPECT_EQ(std::count(codes.begin(), codes.end(), probe_busy), 2) << testing::PrintToString(codes);
+    for (bool secure : {false, true}) {
+        probe_daemon d(R"({"deadline-ms": 3000, "max-walks": 2, "walker": ")" + silent + R"("})", secure);
+        helper_process h[3];
+        for (auto& x : h) ASSERT_EQ(x.read_line(), "ready");
+        pid_t targets[] = {h[0].pid, h[1].pid, h[2].pid, getpid()};
+        std::vector<int32_t> codes(4);
+        std::vector<std::thread> t;
+        for (int i = 0; i < 4; i++) t.emplace_back([&, i] { codes[i] = d.code(STACK, pid_payload(targets[i]), 10000); });
+        int loads = 0;
+        for (int i = 0; i < 10; i++) loads += d.ask(1, {}, secure ? 1500 : 10000, SYSTEM).payload.find('/') != string::npos;
+        for (auto& x : t) x.join();
+        EXPECT_EQ(loads, 10) << secure;
+        EXPECT_EQ(std::count(codes.begin(), codes.end(), probe_deadline), 2) << testing::PrintToString(codes);
+        EXPECT_EQ(std::count(codes.begin(), codes.end(), probe_busy), 2) << testing::PrintToString(codes);
+    }
 }
 
 // Awkward targets, each a helper, a command and what its reply holds: a

@@ -6,6 +6,7 @@
 // daemon) to see that they and their functions are there.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <glob.h>
 #include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -26,7 +28,7 @@ namespace {
 
 constexpr int exit_problems = 1;  // the daemon would not start or not serve every command
 
-const char usage_line[] = "usage: vireo-client check-config MAIN.json\n";
+const char usage_line[] = "usage: vireo-client check-config MAIN.json | --keys\n";
 
 // One parsed JSON file and its text, to turn offsets into lines and columns.
 struct source {
@@ -90,6 +92,53 @@ const char* json_kind(const Json::Value& v) {
     }
 }
 
+enum class key_kind { secret, server_public, authorized };
+
+// Folders systemd reads units from, most important first.
+const char* const unit_dirs[] = {"/etc/systemd/system", "/run/systemd/system",
+                                 "/usr/local/lib/systemd/system", "/lib/systemd/system",
+                                 "/usr/lib/systemd/system"};
+constexpr char credentials_dir[] = "/run/credentials/";
+
+// The source of credential name in the unit's LoadCredential= lines
+// (NAME:PATH; the last wins, as systemd takes it), its unit file and any
+// drop-ins, searched in $SYSTEMD_UNIT_PATH when set (as systemd does) or
+// in unit_dirs. "" when no line names it; unit_file is the first file read.
+std::string credential_source(const std::string& unit, const std::string& name,
+                              std::string& unit_file) {
+    std::vector<std::string> dirs(std::begin(unit_dirs), std::end(unit_dirs));
+    if (const char* env = getenv("SYSTEMD_UNIT_PATH"); env != nullptr && *env != '\0') {
+        dirs.clear();
+        std::istringstream list(env);
+        for (std::string d; std::getline(list, d, ':');) {
+            dirs.push_back(d);
+        }
+    }
+    std::vector<std::string> files;
+    for (const std::string& d : dirs) {
+        if (unit_file.empty() && access((d + "/" + unit).c_str(), F_OK) == 0) {
+            unit_file = d + "/" + unit;
+            files.push_back(unit_file);
+        }
+        glob_t g{};
+        if (glob((d + "/" + unit + ".d/*.conf").c_str(), 0, nullptr, &g) == 0) {
+            files.insert(files.end(), g.gl_pathv, g.gl_pathv + g.gl_pathc);
+        }
+        globfree(&g);
+    }
+    std::string source;
+    const std::string key = "LoadCredential=" + name + ":";
+    for (const std::string& f : files) {
+        std::ifstream in(f);
+        for (std::string line; std::getline(in, line);) {
+            if (line.compare(0, key.size(), key) == 0) {
+                source = line.substr(key.size());
+            }
+        }
+    }
+    return source;
+}
+
 class checker {
 public:
     int errors = 0, warnings = 0;
@@ -102,7 +151,15 @@ public:
         }
     }
 
+    // Faults that stop nothing of the daemon's (the client's own object) are
+    // reported as warnings while this is set.
+    bool soft = false;
+
     void error(const std::string& where, const std::string& msg) {
+        if (soft) {
+            warning(where, msg);
+            return;
+        }
         printf("%s: error: %s\n", where.c_str(), msg.c_str());
         errors++;
     }
@@ -281,7 +338,9 @@ public:
     void plugin(const source& src, const Json::Value& e, const std::string& lib,
                 const std::string& sym);
     void security(const source& src, const Json::Value& sec);
-    void key_file(const std::string& from, const std::string& path, bool secret);
+    void client(const source& src, const Json::Value& cl);
+    void key_file(const std::string& from, const std::string& path, key_kind kind);
+    bool credential(const std::string& from, std::string& path);
 };
 
 void checker::main_file(const source& src) {
@@ -298,6 +357,9 @@ void checker::main_file(const source& src) {
         for (const Json::Value& g : *subs) {
             group(src, g, codes);
         }
+    }
+    if (const Json::Value* cl = member(src, src.root, key_client)) {
+        client(src, *cl);
     }
     if (const Json::Value* sec = member(src, src.root, key_security)) {
         security(src, *sec);
@@ -466,17 +528,76 @@ void checker::security(const source& src, const Json::Value& sec) {
     }
     std::string path;
     if (text(src, sec, key_secret_key, path)) {
-        key_file(src.at(sec[key_name(key_secret_key)]), path, true);
+        const std::string from = src.at(sec[key_name(key_secret_key)]);
+        if (credential(from, path)) {
+            key_file(from, path, key_kind::secret);
+        }
     }
     if (text(src, sec, key_authorized_keys, path)) {
-        key_file(src.at(sec[key_name(key_authorized_keys)]), path, false);
+        key_file(src.at(sec[key_name(key_authorized_keys)]), path, key_kind::authorized);
     }
     integer(src, sec, key_max_client_ids);
 }
 
-// A secret key file, or an authorized-keys file, by the daemon's readers:
-// each fault at its line and column.
-void checker::key_file(const std::string& from, const std::string& path, bool secret) {
+// A path under /run/credentials/UNIT/ exists only while UNIT runs, as
+// systemd's copy of a root-only file (LoadCredential=): outside the service
+// the file it copies is checked instead, path then naming it. False when
+// nothing is left to check (reported here).
+bool checker::credential(const std::string& from, std::string& path) {
+    const size_t unit_end = path.find('/', sizeof credentials_dir - 1);
+    if (path.compare(0, sizeof credentials_dir - 1, credentials_dir) != 0 ||
+        unit_end == std::string::npos || access(path.c_str(), F_OK) == 0) {
+        return true;
+    }
+    const std::string unit =
+        path.substr(sizeof credentials_dir - 1, unit_end - (sizeof credentials_dir - 1));
+    const std::string name = path.substr(unit_end + 1);
+    std::string unit_file;
+    const std::string host = credential_source(unit, name, unit_file);
+    const std::string only = "\"" + path + "\" exists only while " + unit + " runs";
+    if (host.empty()) {
+        error(from,
+              only + ", and " +
+                  (unit_file.empty() ? "no unit file " + unit + " is installed"
+                                     : unit_file + " has no LoadCredential=" + name + ":FILE") +
+                  " to fill it");
+        return false;
+    }
+    if (access(host.c_str(), F_OK) != 0) {
+        error(from, only + ": cannot open \"" + host + "\" that LoadCredential= in " + unit_file +
+                        " copies there: " + strerror(errno));
+        return false;
+    }
+    const bool readable = access(host.c_str(), R_OK) == 0;
+    warning(from, only + ": LoadCredential= in " + unit_file + " copies \"" + host + "\" there, " +
+                      (readable ? "checked instead" : "which this user cannot read (check it as root)"));
+    path = host;
+    return readable;
+}
+
+// The client's own keys, each path with ~ as the client reads it. The
+// daemon ignores the object, so its faults are warnings.
+void checker::client(const source& src, const Json::Value& cl) {
+    if (!object(src, cl, "\"client\"")) {
+        return;
+    }
+    soft = true;
+    unknown_keys(src, cl, config_scope::client);
+    std::string path;
+    if (text(src, cl, key_server_key, path) &&
+        (!is_z85_key(path) || access(path.c_str(), F_OK) == 0)) {
+        key_file(src.at(cl[key_name(key_server_key)]), expand_home(path), key_kind::server_public);
+    }
+    if (text(src, cl, key_client_key, path)) {
+        key_file(src.at(cl[key_name(key_client_key)]), expand_home(path), key_kind::secret);
+    }
+    soft = false;
+}
+
+// A key file, or an authorized-keys file, by the daemon's readers: each
+// fault at its line and column.
+void checker::key_file(const std::string& from, const std::string& path, key_kind kind) {
+    const bool secret = kind == key_kind::secret;
     std::ifstream in(path);
     if (!in) {
         error(from, "cannot open \"" + path + "\": " + strerror(errno));
@@ -488,7 +609,7 @@ void checker::key_file(const std::string& from, const std::string& path, bool se
         snprintf(mode, sizeof mode, "%04o", st.st_mode & 0777);
         warning(from, "\"" + path + "\" is open to other users (mode " + mode + ", expected 0600)");
     }
-    if (secret) {
+    if (kind != key_kind::authorized) {
         std::string key, why;
         int line = 0;
         if (read_key_text(in, key, why, line) != 0) {
@@ -522,6 +643,10 @@ int run_check_config(int argc, char** argv) {
     if (argc != 2) {
         fprintf(stderr, "vireo-client: check-config takes one file; %s", usage_line);
         return client_exit::usage;
+    }
+    if (strcmp(argv[1], "--keys") == 0) {  // every key the daemon and the client read
+        fputs(config_keys_text().c_str(), stdout);
+        return fflush(stdout) == 0 && !ferror(stdout) ? client_exit::ok : client_exit::output;
     }
     checker ck;
     source main_src;

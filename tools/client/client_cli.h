@@ -42,6 +42,9 @@ struct options {
     long count = 0;      // 0: one round, or unbounded with --watch
     bool watch = false;
     int payload_opts = 0;  // how many of --pid, --byte, --hex were given
+    bool pid_given = false;
+    bool tid_given = false;  // --tid: bytes 4..7, after the --pid
+    uint32_t tid = 0;
     std::vector<uint8_t> payload;
     std::vector<std::string> args;  // the words that are no options
     // A probe stack or sample asked raw (symbolizer markup) and named here
@@ -68,7 +71,8 @@ struct request_spec {
     uint32_t sub_command = 0;
     std::vector<uint8_t> payload;
     bool take_id = false;
-    std::string label;  // for messages
+    std::string label;                // for messages
+    const client_cmd* cmd = nullptr;  // the configured command it names, if known
 };
 
 // Turns the words of the command line into a request; 0, or -1 (usage) or
@@ -76,6 +80,10 @@ struct request_spec {
 // is the configuration read (nullptr for none), cfg_error why it was not.
 int make_spec(const options& o, const client_config* cfg, const std::string& cfg_path,
               const std::string& cfg_error, request_spec& r, std::string& why);
+
+// What the client can add to an error status of the daemon about this
+// request ("" for nothing): a missing --pid, a process that is not there.
+std::string status_hint(const request_spec& r, int32_t status);
 
 // Flushes stdout; client_exit::ok, or client_exit::output with a message
 // when a write failed (a full disk, a closed pipe).

@@ -1,7 +1,10 @@
 // Command names from the daemon's configuration files. Plug-in libraries
 // are named, never loaded: the client only needs codes, ids and names.
 #include <json/json.h>
+#include <pwd.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <set>
 #include <stdexcept>
@@ -91,12 +94,24 @@ void read_client_keys(const Json::Value& root, const std::string& path, client_c
                 throw std::runtime_error("\"client\": \"" + std::string(key) +
                                          "\" is not a string in " + path);
             }
-            *dest = c[key].asString();
+            *dest = expand_home(c[key].asString());
         }
     }
 }
 
 }  // namespace
+
+std::string expand_home(const std::string& path) {
+    if (path != "~" && path.compare(0, 2, "~/") != 0) {
+        return path;
+    }
+    const char* home = getenv("HOME");
+    if (home == nullptr || *home == '\0') {
+        const struct passwd* pw = getpwuid(getuid());
+        home = pw != nullptr ? pw->pw_dir : nullptr;
+    }
+    return home != nullptr ? home + path.substr(1) : path;
+}
 
 int load_client_config(const std::string& main_path, client_config& out, std::string& why) {
     out = client_config{};

@@ -16,7 +16,7 @@
 namespace {
 
 // A reply of more parts than this is not the daemon's (8 MiB of packets).
-constexpr size_t max_parts = 1024;
+constexpr size_t max_parts = max_reply_packets;
 // How long one wait for the socket lasts before the stop flag is looked at.
 constexpr int poll_slice_ms = 100;
 // The most the closing connect() of a failed connection may take.
@@ -159,6 +159,11 @@ int client_conn::open(std::string& why) {
     int linger = 0;
     zmq_setsockopt(sock, ZMQ_LINGER, &linger, sizeof linger);
     zmq_setsockopt(sock, ZMQ_SNDTIMEO, &timeout_ms, sizeof timeout_ms);
+    // A longer frame drops the connection before it is held in memory. A
+    // multi-part reply without end is bounded by the timeout only: libzmq
+    // keeps the parts of a message until its last one.
+    int64_t max_frame = max_reply_frame;
+    zmq_setsockopt(sock, ZMQ_MAXMSGSIZE, &max_frame, sizeof max_frame);
     if (keys.curve() &&
         (zmq_setsockopt(sock, ZMQ_CURVE_SERVERKEY, keys.server_public.data(), 40) != 0 ||
          zmq_setsockopt(sock, ZMQ_CURVE_PUBLICKEY, keys.public_key.data(), 40) != 0 ||
@@ -179,12 +184,28 @@ int client_conn::open(std::string& why) {
         close_socket();
         return client_comm_error;
     }
+    if (check_endpoint(endpoint, why) != 0) {
+        close_socket();
+        return client_bad_input;
+    }
     if (zmq_connect(sock, endpoint.c_str()) != 0) {
         why = "cannot connect to " + endpoint + ": " + zmq_strerror(errno);
         close_socket();
         return client_bad_input;
     }
     return 0;
+}
+
+int check_endpoint(const std::string& endpoint, std::string& why) {
+    // libzmq says only "Invalid argument" for an address without its
+    // transport, the commonest slip.
+    if (endpoint.find("://") != std::string::npos) {
+        return 0;
+    }
+    why =
+        "endpoint \"" + endpoint + "\" needs the form tcp://HOST:PORT" +
+        (endpoint.find(':') != std::string::npos ? " (did you mean tcp://" + endpoint + "?)" : "");
+    return client_bad_input;
 }
 
 int client_conn::fail(const char* call, int err, std::string& why) {

@@ -44,6 +44,20 @@ int create_file(const std::string& path, mode_t mode, const std::string& text, s
     return 0;
 }
 
+// Creates the missing folders above file, each 0700; 0, or client_bad_input
+// with why.
+int make_folders(const std::string& file, std::string& why) {
+    for (size_t at = file.find('/', 1); at != std::string::npos; at = file.find('/', at + 1)) {
+        const std::string dir = file.substr(0, at);
+        struct stat st;
+        if (stat(dir.c_str(), &st) != 0 && mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+            why = "cannot create the folder " + dir + ": " + strerror(errno);
+            return client_bad_input;
+        }
+    }
+    return 0;
+}
+
 }  // namespace
 
 int load_server_key(const std::string& file_or_z85, std::string& key, std::string& why) {
@@ -78,6 +92,9 @@ int write_key_pair(const std::string& base, std::string& public_key, std::string
         }
     }
     char pub[z85_key_len + 1], sec[z85_key_len + 1];
+    if (make_folders(sec_path, why) != 0) {
+        return client_bad_input;
+    }
     if (zmq_curve_keypair(pub, sec) != 0) {
         why = std::string("zmq_curve_keypair: ") + zmq_strerror(errno);
         return client_bad_input;

@@ -8,7 +8,7 @@ int keygen(const options& o) {
         return usage_error("keygen needs one BASE name: it writes BASE.key and BASE.pub");
     }
     std::string pub, why;
-    if (write_key_pair(o.args[1], pub, why) != 0) {
+    if (write_key_pair(expand_home(o.args[1]), pub, why) != 0) {
         fprintf(stderr, "vireo-client: %s\n", why.c_str());
         return client_exit::output;
     }
@@ -29,8 +29,9 @@ int find_keys(const options& o, const client_config* cfg, client_keys& keys) {
         return usage_error(
             "a CURVE client needs both the server's key (--server-key) and its own (--key)");
     }
-    if (load_server_key(server_key, keys.server_public, why) != 0 ||
-        load_secret_key(key, keys, why) != 0) {
+    // A ~ the shell left alone (--key=~/x) is the home folder all the same.
+    if (load_server_key(expand_home(server_key), keys.server_public, why) != 0 ||
+        load_secret_key(expand_home(key), keys, why) != 0) {
         fprintf(stderr, "vireo-client: %s\n", why.c_str());
         return client_exit::config;
     }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "client_cli.h"
+#include "remote_table.h"
 
 namespace {
 
@@ -24,34 +25,78 @@ struct config_state {
     bool loaded = false;
 };
 
+// Returns client_exit::config, without a word, when the configuration the
+// request depends on cannot be read.
 int load_config(const options& o, config_state& c) {
     c.implicit = o.config_path.empty() && access(default_config, F_OK) == 0;
     c.path = c.implicit ? default_config : o.config_path;
     if (!c.path.empty() && load_client_config(c.path, c.cfg, c.error) != 0 &&
         (!c.implicit || o.list)) {
-        fprintf(stderr, "vireo-client: %s\n", c.error.c_str());
         return client_exit::config;
     }
     c.loaded = !c.path.empty() && c.error.empty();
     return client_exit::ok;
 }
 
+// The main file was read, though a sub-configuration was not: its endpoint
+// and keys still hold.
+bool main_file_read(const config_state& c) {
+    return !c.loaded && c.cfg.port != 0;
+}
+
 std::string default_endpoint(const config_state& c) {
-    std::string host = c.loaded ? c.cfg.ip : "";
+    const bool from_cfg = c.loaded || main_file_read(c);
+    std::string host = from_cfg ? c.cfg.ip : "";
     if (host.empty() || host == "0.0.0.0" || host == "*") {
         host = "127.0.0.1";  // a wildcard bind is reached on loopback
     }
-    return "tcp://" + host + ":" + std::to_string(c.loaded ? c.cfg.port : 6600);
+    return "tcp://" + host + ":" + std::to_string(from_cfg ? c.cfg.port : 6600);
+}
+
+// When no local configuration resolves (none given, or its sub-configuration
+// paths do not resolve from here), a board that serves its own command table
+// answers --list and names. Asked only where the board is known: -e, or the
+// endpoint of a main file that was read. True when c holds the board's table.
+bool load_board_table(options& o, config_state& c) {
+    if (c.loaded || (o.endpoint.empty() && !main_file_read(c))) {
+        return false;
+    }
+    const std::string endpoint = o.endpoint.empty() ? default_endpoint(c) : o.endpoint;
+    client_keys keys;
+    std::string why;
+    if (find_keys(o, main_file_read(c) ? &c.cfg : nullptr, keys) != client_exit::ok ||
+        load_remote_config(endpoint, o.timeout_ms, keys, c.cfg, why) != 0) {
+        return false;
+    }
+    c.loaded = true;
+    c.implicit = false;  // the keys go with the board's endpoint
+    c.path = endpoint;   // where names were looked up, for messages
+    c.error.clear();
+    o.endpoint = endpoint;
+    return true;
+}
+
+bool needs_names(const options& o) {
+    return o.list || (o.args.size() == 1 && o.args[0].find('.') != std::string::npos);
 }
 
 // --list, or a request sent once or in rounds; the exit status.
 int run_request(options& o) {
+    if (std::string why; !o.endpoint.empty() && check_endpoint(o.endpoint, why) != 0) {
+        return usage_error(why);
+    }
     config_state c;
-    if (int rc = load_config(o, c); rc != client_exit::ok) {
+    int rc = load_config(o, c);
+    if (!c.loaded && needs_names(o) && load_board_table(o, c)) {
+        rc = client_exit::ok;
+    }
+    if (rc != client_exit::ok) {
+        fprintf(stderr, "vireo-client: %s\n", c.error.c_str());
         return rc;
     }
     if (o.list) {
-        return c.loaded ? list_commands(c.cfg, o.json) : usage_error("--list needs -c MAIN.json");
+        return c.loaded ? list_commands(c.cfg, o.json)
+                        : usage_error("--list needs -c MAIN.json, or -e of a board that serves its table");
     }
     request_spec rq;
     std::string why;

@@ -14,9 +14,9 @@ const char usage_text[] =
     "       vireo-client profile ...  |  vireo-client check-config MAIN.json\n"
     "       vireo-client symbolize [--debug-dir DIR]... [--debuginfod URL] [FILE]\n"
     "REQUEST:\n"
-    "  CODE SUB [--pid N | --byte N | --hex HEXBYTES]\n"
+    "  CODE SUB [--pid N [--tid T] | --byte N | --hex HEXBYTES]\n"
     "                   command code and sub-command in hex (\"0x10\", \"10\")\n"
-    "  CLASS.NAME [--pid N | --byte N | --hex HEXBYTES]\n"
+    "  CLASS.NAME [--pid N [--tid T] | --byte N | --hex HEXBYTES]\n"
     "                   a command by name from the configuration\n"
     "  take-id          take a client id and print it in decimal\n"
     "  return-id N      give client id N (0..255) back\n"
@@ -35,6 +35,7 @@ const char usage_text[] =
     "  --key FILE       this client's CURVE secret key file (BASE.key)\n"
     "  --list           print every configured command with code, id, kind, target\n"
     "  --pid N          payload: process id N as 4 little-endian bytes (decimal)\n"
+    "  --tid T          with --pid: thread id T as 4 more bytes (payload bytes 4..7)\n"
     "  --byte N         payload: one byte N (decimal, 0..255)\n"
     "  --hex HEXBYTES   payload: these bytes, e.g. e8030000\n"
     "  --debug-dir DIR  ask a probe stack or sample raw and name its frames here from\n"
@@ -64,8 +65,9 @@ const option_def option_defs[] = {
     {"--server-key", "", true, true}, {"--key", "", true, true},
     {"-h", "--help", false, false},   {"-v", "--verbose", false, false},
     {"--json", "", false, false},     {"--list", "", false, false},
-    {"--version", "", false, false},  {"--raw", "", false, false},
-    {"--debug-dir", "", true, false}, {"--debuginfod", "", true, false},
+    {"--version", "", false, false},  {"--tid", "", true, false},
+    {"--raw", "", false, false},      {"--debuginfod", "", true, false},
+    {"--debug-dir", "", true, false},
 };
 
 // True when b is a one edit away from a: a character inserted, deleted or
@@ -156,9 +158,17 @@ bool set_value(const std::string& a, const std::string& v, options& o, std::stri
         }
         o.count = static_cast<long>(n);
     } else if (a == "--pid" || a == "--byte") {
+        o.pid_given = o.pid_given || a == "--pid";
         return set_number_payload(a, v, o, why);
     } else if (a == "--debug-dir" || a == "--debuginfod") {
         (a == "--debug-dir" ? o.debug_dirs : o.debuginfod_urls).push_back(v);
+    } else if (a == "--tid") {
+        if (!parse_ulong(v, 0xFFFFFFFFul, n)) {
+            why = "--tid needs a decimal thread id, not \"" + v + "\"";
+            return false;
+        }
+        o.tid_given = true;
+        o.tid = static_cast<uint32_t>(n);
     } else if (a == "--hex") {
         o.payload.clear();
         if (!parse_hex_bytes(v, o.payload)) {
@@ -186,6 +196,8 @@ int check_together(const options& o, std::string& why) {
     }
     if (o.payload_opts > 1) {
         why = "--pid, --byte and --hex exclude each other";
+    } else if (o.tid_given && !o.pid_given) {
+        why = "--tid needs --pid: the thread id follows the process id";
     } else if (o.raw_asked() && o.payload.size() != 4 && o.payload.size() != 8) {
         why = "--raw, --debug-dir and --debuginfod need --pid (or --hex of a pid and a tid)";
     } else if (o.raw_asked() && o.json) {
@@ -273,7 +285,14 @@ int parse_args(int argc, char** argv, options& o, std::string& why) {
             return -1;
         }
     }
-    return check_together(o, why);
+    if (check_together(o, why) != 0) {
+        return -1;
+    }
+    if (o.tid_given) {
+        o.payload.resize(8);
+        u32_to_u8(o.tid, o.payload.data() + 4);
+    }
+    return 0;
 }
 
 int usage_error(const std::string& why) {

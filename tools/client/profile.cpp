@@ -199,45 +199,37 @@ int load_keys(const profile_options& o, client_keys& keys) {
     return client_exit::ok;
 }
 
-// Adds one sample reply ("TID\tNAME\tHELD_US\tSTACK" lines) to the counts.
-// False when a line does not have that shape.
-bool add_sample(const std::string& text, std::map<std::string, long>& counts, long& stacks,
-                samples* raw_of = nullptr) {
+// A raw sample reply: its markup context (kept once in s.contexts), then
+// lines as add_sample reads them, but counted by context, thread name and
+// addresses ("CTX\tNAME\t0xROOT;...;0xLEAF"). False when a line does not
+// have that shape.
+bool add_raw_sample(const std::string& text, samples& s) {
     size_t at = 0;
-    const bool raw = raw_of != nullptr;
-    std::string ctx;
-    if (raw) {
-        // The markup context first, then sample lines with addresses.
-        while (text.compare(at, 3, "{{{") == 0 && text.find('\n', at) != std::string::npos)
-            at = text.find('\n', at) + 1;
-        std::string c = text.substr(0, at);
-        auto& all = raw_of->contexts;
-        size_t i = std::find(all.begin(), all.end(), c) - all.begin();
-        if (i == all.size())
-            all.push_back(c);
-        ctx = std::to_string(i);
-    }
-    while (at < text.size()) {
-        size_t end = text.find('\n', at);
-        if (end == std::string::npos)
-            end = text.size();
-        size_t tab = at;
-        for (int k = 0; k < 3 && tab != std::string::npos; k++)
-            tab = text.find('\t', tab + (k > 0));
-        if (tab == std::string::npos || tab >= end)
-            return text.compare(at, 14, "... truncated\n") == 0;
-        std::string stack = text.substr(tab + 1, end - tab - 1);
-        if (raw && !stack.empty()) {
-            size_t name_at = text.find('\t', at) + 1;
-            stack = ctx + "\t" + text.substr(name_at, text.find('\t', name_at) - name_at) + "\t" +
-                    stack;
+    while (text.compare(at, 3, "{{{") == 0 && text.find('\n', at) != std::string::npos)
+        at = text.find('\n', at) + 1;
+    const std::string ctx = text.substr(0, at);
+    size_t i = std::find(s.contexts.begin(), s.contexts.end(), ctx) - s.contexts.begin();
+    if (i == s.contexts.size())
+        s.contexts.push_back(ctx);
+    std::map<std::string, long> got;
+    long n = 0;
+    std::string lines;
+    for (size_t end; at < text.size(); at = end + 1) {
+        end = std::min(text.find('\n', at), text.size());
+        std::string line = text.substr(at, end - at);
+        size_t name_at = line.find('\t') + 1, held_at = line.find('\t', name_at);
+        size_t stack_at = held_at != std::string::npos ? line.find('\t', held_at + 1) : held_at;
+        if (name_at == 0 || stack_at == std::string::npos || stack_at + 1 == line.size()) {
+            lines += line + "\n";  // add_sample judges it as it is
+            continue;
         }
-        if (!stack.empty()) {
-            counts[stack]++;
-            stacks++;
-        }
-        at = end + 1;
+        lines += line.substr(0, stack_at + 1) + std::to_string(i) + "\t" +
+                 line.substr(name_at, held_at - name_at) + "\t" + line.substr(stack_at + 1) + "\n";
     }
+    if (!add_sample(lines, got, n))
+        return false;
+    for (const auto& e : got) s.raw_counts[e.first] += e.second;
+    s.stacks += n;
     return true;
 }
 
@@ -250,9 +242,9 @@ int take_sample(client_conn& conn, const profile_options& o, const std::vector<u
     s.requests++;
     if (stop_signal != 0)
         return client_exit::ok;
-    if (rc == client_malformed || (rc == 0 && r.header().msg_len >= 0 &&
-                                   !add_sample(r.payload, o.raw() ? s.raw_counts : s.counts,
-                                               s.stacks, o.raw() ? &s : nullptr))) {
+    if (rc == client_malformed ||
+        (rc == 0 && r.header().msg_len >= 0 &&
+         !(o.raw() ? add_raw_sample(r.payload, s) : add_sample(r.payload, s.counts, s.stacks)))) {
         fprintf(stderr, "%svireo-client: malformed reply from %s: %s\n", progress ? "\n" : "",
                 o.endpoint.c_str(), rc != 0 ? why.c_str() : "not a stack sample");
         return client_exit::malformed;

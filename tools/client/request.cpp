@@ -1,6 +1,7 @@
 // The request that the words of a command line name: CODE SUB, CLASS.NAME,
 // take-id or return-id N.
 #include "client_cli.h"
+#include "wire/probe_codes.h"
 
 namespace {
 
@@ -30,7 +31,15 @@ int named_request(const std::string& name, const client_config* cfg, const std::
     }
     r.command = c->code;
     r.sub_command = c->id;
+    r.cmd = c;
     return 0;
+}
+
+// Does the command read a process id from the request? A "$pid" file, or a
+// function of the probe plug-in, whose every request names a process.
+bool reads_pid(const client_cmd* c) {
+    return c != nullptr &&
+           (c->kind == "$pid file" || c->target.find("vireo_probe") != std::string::npos);
 }
 
 // take-id, or return-id N; 0 or -1 as make_spec.
@@ -87,8 +96,30 @@ int make_spec(const options& o, const client_config* cfg, const std::string& cfg
             return -1;
         }
         r.label = a[0] + " " + a[1];
+        for (size_t i = 0; cfg != nullptr && i < cfg->cmds.size() && r.cmd == nullptr; i++) {
+            const client_cmd& c = cfg->cmds[i];
+            r.cmd = c.code == r.command && c.id == r.sub_command ? &c : nullptr;
+        }
         return 0;
     }
     why = "cannot make a request of \"" + a[0] + "\"" + (a.size() > 1 ? " and what follows" : "");
     return -1;
+}
+
+std::string status_hint(const request_spec& r, int32_t status) {
+    const bool pid_file = r.cmd != nullptr && r.cmd->kind == "$pid file";
+    // Without a payload a "$pid" path names pid 0 and the probe refuses the
+    // request: the daemon's code tells neither.
+    if (r.payload.empty() &&
+        (status == probe_bad_request || (reads_pid(r.cmd) && (status == -2 || status == -22)))) {
+        return ": no --pid given";
+    }
+    const size_t at = pid_file ? r.cmd->target.find("$pid") : std::string::npos;
+    if (at != std::string::npos && status == -2 && r.payload.size() >= 4) {
+        const std::string pid = std::to_string(u8_to_u32(r.payload.data()));
+        const std::string path = std::string(r.cmd->target).replace(at, 4, pid);
+        return ": " + path + " (no process " + pid +
+               " on the board, or not readable by the daemon)";
+    }
+    return "";
 }

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,11 @@ constexpr int client_interrupted = -4;  // a signal ended the wait
 constexpr uint32_t client_id_command = 0xEAEA;
 constexpr uint32_t take_id_sub = 1;
 constexpr uint32_t return_id_sub = 2;
+
+// Adds one probe_sample reply ("TID\tNAME\tHELD_US\tSTACK" lines) to the
+// folded-stack counts, and the stacks added to stacks. False when a line does
+// not have that shape.
+bool add_sample(const std::string& text, std::map<std::string, long>& counts, long& stacks);
 
 // CURVE keys of a client, 40-character Z85 texts; all empty for plaintext.
 struct client_keys {
@@ -91,6 +97,10 @@ private:
     int fail(const char* call, int err, std::string& why);
 };
 
+// 0 when endpoint names its transport (tcp://HOST:PORT), else
+// client_bad_input with why.
+int check_endpoint(const std::string& endpoint, std::string& why);
+
 // One command of the configuration files.
 struct client_cmd {
     std::string cls;     // "class" of its group
@@ -107,7 +117,7 @@ struct client_config {
     int port = 0;
     std::vector<client_cmd> cmds;  // groups in file order, then entries in order
     // The optional "client" object: {"server-key": FILE_OR_Z85, "key": FILE}.
-    // The daemon ignores it; paths are opened as written.
+    // The daemon ignores it; paths are opened as written but for a leading ~.
     std::string server_key;
     std::string key;
 };
@@ -121,6 +131,10 @@ int load_client_config(const std::string& main_path, client_config& out, std::st
 // The command named "CLASS.NAME", or nullptr.
 const client_cmd* find_cmd(const client_config& cfg, const std::string& full_name);
 
+// path with a leading "~/" (or a lone "~") made the user's home ($HOME, else
+// the password database's); other paths as they are.
+std::string expand_home(const std::string& path);
+
 // CURVE key files: '#' lines and blank lines are skipped, the first other
 // line is a 40-character Z85 key. These return 0, or client_bad_input with
 // why set.
@@ -130,7 +144,8 @@ int load_server_key(const std::string& file_or_z85, std::string& key, std::strin
 // The client's key pair from its secret key file; the public key is derived.
 int load_secret_key(const std::string& path, client_keys& keys, std::string& why);
 // Writes a new pair: base.key (the secret key, created 0600 and never over
-// an existing file) and base.pub; fills public_key.
+// an existing file) and base.pub, creating base's missing folders 0700, as
+// a folder of secret keys is kept; fills public_key.
 int write_key_pair(const std::string& base, std::string& public_key, std::string& why);
 
 // Exit statuses of vireo-client and its subcommands; 64, 74 and 78 as in

@@ -67,8 +67,9 @@ int one_round(client_conn& conn, const request_spec& rq, const options& o) {
         print_json(r, conn.endpoint, rq.take_id);
     }
     if (r.header().msg_len < 0) {
-        fprintf(stderr, "vireo-client: %s: error %d (%s)\n", rq.label.c_str(), r.header().msg_len,
-                status_text(r.header().msg_len).c_str());
+        fprintf(stderr, "vireo-client: %s: error %d (%s)%s\n", rq.label.c_str(), r.header().msg_len,
+                status_text(r.header().msg_len).c_str(),
+                status_hint(rq, r.header().msg_len).c_str());
         return flush_output() != client_exit::ok ? client_exit::output : client_exit::status;
     }
     if (!o.json) {

@@ -41,6 +41,7 @@ struct curve_keys {
 
 // Everything one probe needs to know about its board.
 struct target_conf {
+    std::string label;  // the target label: its configured name or canonical endpoint
     std::string endpoint;
     curve_keys keys;
     command_map cmds;
@@ -48,12 +49,40 @@ struct target_conf {
     double user_hz = 100;  // clock ticks per second of /proc/stat and /proc/PID/stat
 };
 
+// One entry of --probe.allow: a network (family AF_INET or AF_INET6, bits
+// of net) or, with family 0, a host name.
+struct allow_rule {
+    int family = 0;
+    unsigned char net[16] = {};
+    int bits = 0;
+    std::string name;
+};
+
 struct exporter_config {
     target_conf defaults;                        // tcp:// targets; base of named ones
     std::map<std::string, target_conf> targets;  // named targets
     int threads = 64;                            // HTTP worker threads = concurrent probes
-    double timeout_s = 5;  // probe timeout without X-Prometheus-Scrape-Timeout-Seconds
+    double timeout_s = 5;  // probe timeout, and the most a scrape's own header may ask
+    // tcp:// targets the exporter keeps figures for in /metrics; the least
+    // recently probed one is dropped for a new one.
+    size_t max_targets = 1000;
+    double link_idle_s = 120;       // a board's kept link is closed after this long unused
+    std::vector<allow_rule> allow;  // tcp:// targets that may be probed; empty: any
 };
+
+// The longest target accepted, so that a target label is bounded too.
+constexpr size_t max_target_len = 256;
+
+// A tcp://HOST:PORT target in its one spelling: HOST an IPv4 address, an
+// IPv6 address in brackets (both as inet_ntop writes them) or a lower-case
+// host name; PORT 1..65535 without leading zeros. No source part (";"), no
+// other transport. Returns 0 with key set, or -1 with a one-line why.
+int canonical_target(const std::string& target, std::string& key, std::string& why);
+// "10.0.0.0/8,192.168.1.7,[fd00::]/8,board.local" into rules; 0 or -1 with why.
+int parse_allow(const std::string& list, std::vector<allow_rule>& out, std::string& why);
+// True when a rule lets canonical target key be probed. Host names are
+// compared as written, never resolved.
+bool allowed(const std::vector<allow_rule>& rules, const std::string& key);
 
 // The built-in configuration: plaintext and the demo configuration's commands
 // (0x10: meminfo 1, loadavg 2, uptime 3, stat 4; 0x20: status 1, stat 2).
@@ -64,7 +93,8 @@ exporter_config default_exporter_config();
 int load_exporter_config(const std::string& path, exporter_config& out, std::string& why);
 
 // The settings of target T: a configured name, or tcp://HOST:PORT with the
-// defaults. Returns 0, or -1 with why set.
+// defaults, checked by canonical_target and the allow rules. Returns 0, or
+// -1 with a one-line why.
 int resolve_target(const exporter_config& cfg, const std::string& target, target_conf& out,
                    std::string& why);
 
@@ -87,7 +117,15 @@ std::string escape_label(const std::string& v);
 std::string metric_name_part(const std::string& text);
 
 // What a probe found.
-enum probe_reason { reason_none, reason_timeout, reason_refused, reason_malformed, reason_error };
+enum probe_reason {
+    reason_none,
+    reason_timeout,
+    reason_refused,
+    reason_malformed,
+    reason_error,
+    reason_handshake,  // the peer never finished a ZeroMQ handshake: not a daemon
+    reason_count
+};
 const char* reason_text(probe_reason r);
 
 struct probe_result {
@@ -114,16 +152,30 @@ struct board_link {
     std::chrono::steady_clock::time_point idle_since;
 };
 void close_link(board_link& l);
+// How long a kept link may stay unused before the timer closes it.
+void set_link_idle_time(double seconds);
 
-// Probes one board within timeout_s and renders its metrics.
-void run_probe(const target_conf& t, double timeout_s, probe_result& out);
+// Probes one board within timeout_s and renders its metrics. With
+// client_fd >= 0 (the HTTP client's connection), the probe ends early when
+// that client has gone.
+void run_probe(const target_conf& t, double timeout_s, probe_result& out, int client_fd = -1);
 
-// Parsers: each appends its families to w. Text is a file's contents as the
-// board sent it (cut at 8191 bytes at most: a cut last line is ignored).
-void render_meminfo(const std::string& text, metric_writer& w);
-void render_loadavg(const std::string& text, metric_writer& w);
+// Collectors: each reads one file the board serves and appends its families
+// to w. Text is the file's contents as the board sent it (cut at 8191 bytes
+// at most: a cut last line is ignored). Malformed lines are skipped.
+using render_fn = void (*)(const std::string& text, double user_hz, metric_writer& w);
+void render_meminfo(const std::string& text, double user_hz, metric_writer& w);
+void render_loadavg(const std::string& text, double user_hz, metric_writer& w);
 void render_stat(const std::string& text, double user_hz, metric_writer& w);
-void render_uptime(const std::string& text, metric_writer& w);
+void render_uptime(const std::string& text, double user_hz, metric_writer& w);
+
+// The system files of a probe, in the order their families are written.
+struct collector {
+    const char* name;  // also the command_status label
+    cmd_ref command_map::*ref;
+    render_fn render;
+};
+extern const collector system_collectors[4];
 
 // One named process from its /proc/PID/status and /proc/PID/stat.
 struct process_sample {
@@ -133,6 +185,11 @@ struct process_sample {
     double rss_bytes = 0, cpu_seconds = 0, threads = 0;
     std::string state;  // "R", "S", ...
 };
+// /proc/PID/status: state, threads, VmRSS; false without a State line.
+bool parse_process_status(const std::string& status, process_sample& out);
+// /proc/PID/stat: CPU seconds; false when its fields are not there.
+bool parse_process_stat(const std::string& stat, double user_hz, process_sample& out);
+// Both; sets and returns up.
 bool parse_process(const std::string& status, const std::string& stat, double user_hz,
                    process_sample& out);
 void render_processes(const std::vector<process_sample>& procs, metric_writer& w);

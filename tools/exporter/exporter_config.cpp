@@ -205,8 +205,8 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
             throw runtime_error(path + " does not hold an object");
         }
         check_keys(root,
-                   {"threads", "timeout", "server-key", "key", "user-hz", "commands", "processes",
-                    "targets"},
+                   {"threads", "timeout", "max-targets", "link-idle-timeout", "server-key", "key",
+                    "user-hz", "commands", "processes", "targets"},
                    path);
         if (root.isMember("threads")) {
             if (!root["threads"].isInt() || root["threads"].asInt() < 1 ||
@@ -216,10 +216,25 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
             out.threads = root["threads"].asInt();
         }
         if (root.isMember("timeout")) {
-            if (!root["timeout"].isNumeric() || root["timeout"].asDouble() <= 0) {
-                throw runtime_error("\"timeout\" is not a positive number of seconds");
+            if (!root["timeout"].isNumeric() || !(root["timeout"].asDouble() > 0) ||
+                root["timeout"].asDouble() > 3600) {
+                throw runtime_error("\"timeout\" is not a number of seconds up to 3600");
             }
             out.timeout_s = root["timeout"].asDouble();
+        }
+        if (root.isMember("max-targets")) {
+            if (!root["max-targets"].isUInt() || root["max-targets"].asUInt() < 1 ||
+                root["max-targets"].asUInt() > 100000) {
+                throw runtime_error("\"max-targets\" is not a number from 1 to 100000");
+            }
+            out.max_targets = root["max-targets"].asUInt();
+        }
+        if (root.isMember("link-idle-timeout")) {
+            const Json::Value& v = root["link-idle-timeout"];
+            if (!v.isNumeric() || !(v.asDouble() > 0) || v.asDouble() > 86400) {
+                throw runtime_error("\"link-idle-timeout\" is not a number of seconds up to 86400");
+            }
+            out.link_idle_s = v.asDouble();
         }
         read_target(root, out.defaults, "configuration");
         const Json::Value& targets = root["targets"];
@@ -251,13 +266,19 @@ int resolve_target(const exporter_config& cfg, const string& target, target_conf
     auto it = cfg.targets.find(target);
     if (it != cfg.targets.end()) {
         out = it->second;
+        out.label = target;
         return 0;
     }
-    if (target.compare(0, 6, "tcp://") != 0 || target.size() == 6) {
-        why = "target \"" + target + "\" is neither tcp://HOST:PORT nor a configured name";
+    std::string key;
+    if (canonical_target(target, key, why) != 0) {
+        return -1;
+    }
+    if (!cfg.allow.empty() && !allowed(cfg.allow, key)) {
+        why = "target " + key + " is not allowed by --probe.allow";
         return -1;
     }
     out = cfg.defaults;
-    out.endpoint = target;
+    out.endpoint = key;
+    out.label = key;
     return 0;
 }

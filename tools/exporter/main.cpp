@@ -8,11 +8,14 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <list>
 #include <mutex>
 #include <thread>
 
 #include "exporter.h"
+#include "http_front.h"
 
 #ifndef VIREO_VERSION
 #define VIREO_VERSION "unknown"
@@ -25,8 +28,11 @@ constexpr int exit_config = 78;
 constexpr int exit_listen = 1;
 
 const char usage_text[] =
-    "usage: vireo-exporter --listen ADDR:PORT [-c FILE]\n"
+    "usage: vireo-exporter --listen ADDR:PORT [-c FILE] [--probe.allow LIST]\n"
     "  --listen ADDR:PORT  HTTP address to serve /probe and /metrics on\n"
+    "  --probe.allow LIST  tcp:// targets that may be probed: networks, addresses\n"
+    "                      and host names, comma-separated (10.0.0.0/8,board.lan);\n"
+    "                      without it, any tcp://HOST:PORT is\n"
     "  -c FILE             exporter configuration (JSON): keys, commands, processes,\n"
     "                      named targets; without it tcp:// targets are probed in\n"
     "                      plaintext with the demo configuration's commands\n"
@@ -45,24 +51,41 @@ constexpr size_t n_buckets = sizeof buckets / sizeof buckets[0];
 // The exporter's own figures per target, updated after each probe.
 struct target_stats {
     uint64_t probes = 0;
-    uint64_t failures[5] = {};  // by probe_reason
+    uint64_t failures[reason_count] = {};  // by probe_reason
     uint64_t bucket_counts[n_buckets] = {};
     double seconds_sum = 0;
 };
 
-std::mutex stats_lock;  // held only to update or copy the figures
-std::map<std::string, target_stats> stats;
-
-// Targets come from the scraper's query: past this many, new ones are not
-// counted, so that a stray client cannot grow the exporter without bound.
-constexpr size_t max_counted_targets = 10000;
+// The figures of the most recently probed targets, at most max_targets of
+// them: HTTP clients choose the targets, so the page's size is bounded by
+// the count and by max_target_len.
+struct stats_table {
+    std::mutex lock;  // held only to update or copy the figures
+    size_t max_targets = 1000;
+    std::list<std::string> recent;  // most recently probed first
+    std::map<std::string, std::pair<target_stats, std::list<std::string>::iterator>> by_target;
+};
+stats_table stats;
 
 void record(const std::string& target, const probe_result& r) {
-    std::lock_guard<std::mutex> g(stats_lock);
-    if (stats.size() >= max_counted_targets && stats.count(target) == 0) {
-        return;
+    std::lock_guard<std::mutex> g(stats.lock);
+    auto it = stats.by_target.find(target);
+    if (it == stats.by_target.end()) {
+        // Nothing answered: a typo or a scan leaves no figures behind.
+        if (r.reason == reason_refused) {
+            return;
+        }
+        if (stats.by_target.size() >= stats.max_targets) {
+            stats.by_target.erase(stats.recent.back());
+            stats.recent.pop_back();
+        }
+        stats.recent.push_front(target);
+        it = stats.by_target.emplace(target, std::make_pair(target_stats{}, stats.recent.begin()))
+                 .first;
+    } else {
+        stats.recent.splice(stats.recent.begin(), stats.recent, it->second.second);
     }
-    target_stats& s = stats[target];
+    target_stats& s = it->second.first;
     s.probes++;
     s.failures[r.reason]++;
     s.seconds_sum += r.seconds;
@@ -74,8 +97,10 @@ void record(const std::string& target, const probe_result& r) {
 std::string own_metrics() {
     std::map<std::string, target_stats> copy;
     {
-        std::lock_guard<std::mutex> g(stats_lock);
-        copy = stats;
+        std::lock_guard<std::mutex> g(stats.lock);
+        for (const auto& [t, s] : stats.by_target) {
+            copy.emplace(t, s.first);
+        }
     }
     metric_writer w;
     w.family("vireo_exporter_build_info", "gauge", "Version of vireo-exporter, value 1.");
@@ -87,7 +112,7 @@ std::string own_metrics() {
     w.family("vireo_exporter_probe_errors_total", "counter",
              "Probes of each target that ended with vireo_up 0, by reason.");
     for (const auto& [t, s] : copy) {
-        for (int r = reason_timeout; r <= reason_error; r++) {
+        for (int r = reason_timeout; r < reason_count; r++) {
             w.sample("vireo_exporter_probe_errors_total",
                      {{"target", t}, {"reason", reason_text(static_cast<probe_reason>(r))}},
                      static_cast<double>(s.failures[r]));
@@ -109,15 +134,20 @@ std::string own_metrics() {
     return w.out;
 }
 
-// The probe's time budget from Prometheus' header, else the configured one.
-double probe_timeout(const httplib::Request& req, double fallback) {
+// The probe's time budget: Prometheus' header less a margin, at most the
+// configured timeout. Returns -1 for a header that is not a number of
+// seconds from 0 to a day (inf, nan, 1e300...).
+double probe_timeout(const httplib::Request& req, double configured) {
     std::string h = req.get_header_value("X-Prometheus-Scrape-Timeout-Seconds");
+    if (h.empty()) {
+        return configured;
+    }
     char* end = nullptr;
     double v = strtod(h.c_str(), &end);
-    if (h.empty() || *end != '\0' || !(v > 0)) {
-        return fallback;
+    if (*end != '\0' || !std::isfinite(v) || !(v > 0) || v > 86400) {
+        return -1;
     }
-    return std::max(min_timeout_s, v - timeout_margin_s);
+    return std::min(configured, std::max(min_timeout_s, v - timeout_margin_s));
 }
 
 // True when the request's Accept-Encoding lists gzip (without q=0).
@@ -190,18 +220,55 @@ int usage_error(const std::string& why) {
     return exit_usage;
 }
 
+// /probe, /metrics and an index page.
+void add_routes(http_front& svr, const exporter_config& cfg) {
+    // Headers and body go out in separate writes: no Nagle delay between them.
+    svr.set_tcp_nodelay(true);
+    svr.set_payload_max_length(0);  // GET only: no request body is read
+    svr.Get("/probe", [&cfg](const httplib::Request& req, httplib::Response& res) {
+        std::string target = req.get_param_value("target"), err;
+        target_conf conf;
+        if (target.empty() || resolve_target(cfg, target, conf, err) != 0) {
+            res.status = 400;
+            res.set_content((target.empty() ? "no target given" : err) + "\n", "text/plain");
+            return;
+        }
+        double timeout = probe_timeout(req, cfg.timeout_s);
+        if (timeout < 0) {
+            res.status = 400;
+            res.set_content(
+                "X-Prometheus-Scrape-Timeout-Seconds is not a number of seconds up to 86400\n",
+                "text/plain");
+            return;
+        }
+        probe_result r;
+        run_probe(conf, timeout, r, http_front::current_fd());
+        record(conf.label, r);
+        send_page(req, res, r.text);
+    });
+    svr.Get("/metrics", [](const httplib::Request& req, httplib::Response& res) {
+        send_page(req, res, own_metrics());
+    });
+    svr.Get("/", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(
+            "vireo-exporter\n  /probe?target=tcp://HOST:PORT  one board's figures\n"
+            "  /metrics                       the exporter's own figures\n",
+            "text/plain");
+    });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string listen, config_path;
+    std::string listen, config_path, allow;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if (a == "-h" || a == "--help") {
             fputs(usage_text, stdout);
             return 0;
         }
-        if ((a == "--listen" || a == "-c") && i + 1 < argc) {
-            (a == "-c" ? config_path : listen) = argv[++i];
+        if ((a == "--listen" || a == "-c" || a == "--probe.allow") && i + 1 < argc) {
+            (a == "-c" ? config_path : a == "--listen" ? listen : allow) = argv[++i];
         } else {
             return usage_error("unexpected argument \"" + a + "\"");
         }
@@ -218,6 +285,11 @@ int main(int argc, char** argv) {
         fprintf(stderr, "vireo-exporter: %s\n", why.c_str());
         return exit_config;
     }
+    if (!allow.empty() && parse_allow(allow, cfg.allow, why) != 0) {
+        return usage_error(why);
+    }
+    stats.max_targets = cfg.max_targets;
+    set_link_idle_time(cfg.link_idle_s);
 
     // Signals are taken by one thread, which stops the server cleanly.
     sigset_t sigs;
@@ -236,63 +308,27 @@ int main(int argc, char** argv) {
     mallopt(M_TRIM_THRESHOLD, 32 * 1024 * 1024);
     mallopt(M_MMAP_THRESHOLD, 1024 * 1024);
 
-    httplib::Server svr;
-    const int threads = cfg.threads;
-    svr.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-    // One request per connection: scrapes come seconds apart, and the server
-    // would keep a thread polling each idle kept-alive connection meanwhile.
-    svr.set_keep_alive_max_count(1);
-    // Headers and body go out in separate writes: no Nagle delay between them.
-    svr.set_tcp_nodelay(true);
-    svr.Get("/probe", [&cfg](const httplib::Request& req, httplib::Response& res) {
-        std::string target = req.get_param_value("target"), err;
-        target_conf conf;
-        if (target.empty() || resolve_target(cfg, target, conf, err) != 0) {
-            res.status = 400;
-            res.set_content((target.empty() ? "no target given" : err) + "\n", "text/plain");
-            return;
-        }
-        probe_result r;
-        run_probe(conf, probe_timeout(req, cfg.timeout_s), r);
-        record(target, r);
-        send_page(req, res, r.text);
-    });
-    svr.Get("/metrics", [](const httplib::Request& req, httplib::Response& res) {
-        send_page(req, res, own_metrics());
-    });
-    svr.Get("/", [](const httplib::Request&, httplib::Response& res) {
-        res.set_content(
-            "vireo-exporter\n  /probe?target=tcp://HOST:PORT  one board's figures\n"
-            "  /metrics                       the exporter's own figures\n",
-            "text/plain");
-    });
-    // The library listens with a backlog of 5: a fleet's scrapes arrive
-    // together, and a connection beyond the backlog waits a second for its
-    // SYN to be sent again. The socket is listened on again with a deep one.
-    int listen_fd = -1;
-    svr.set_socket_options([&listen_fd](int fd) {
-        httplib::default_socket_options(fd);
-        listen_fd = fd;
-    });
-    if (!svr.bind_to_port(host.c_str(), port) || ::listen(listen_fd, SOMAXCONN) != 0) {
-        fprintf(stderr, "vireo-exporter: cannot listen on %s\n", listen.c_str());
+    http_front svr;
+    add_routes(svr, cfg);
+    if (svr.listen_on(host, port, why) != 0) {
+        fprintf(stderr, "vireo-exporter: %s\n", why.c_str());
         return exit_listen;
     }
     fprintf(stderr, "vireo-exporter listening %s\n", listen.c_str());
     std::thread stopper([&svr, sigs] {
         int sig = 0;
         sigwait(&sigs, &sig);
-        svr.stop();
+        svr.stop_serving();
     });
-    bool ok = svr.listen_after_bind();
-    if (stopper.joinable()) {
-        // Stopped by a signal: the stopper has returned. Otherwise wake it.
-        if (ok) {
-            stopper.join();
-        } else {
-            pthread_kill(stopper.native_handle(), SIGTERM);
-            stopper.join();
-        }
+    http_limits limits;
+    limits.threads = cfg.threads;
+    // Prometheus scrapes a whole fleet from one address: that address may
+    // use all but a sixteenth of the threads.
+    limits.per_address = static_cast<size_t>(std::max(1, cfg.threads - cfg.threads / 16));
+    int rc = svr.run(limits);
+    if (!svr.stopping) {
+        pthread_kill(stopper.native_handle(), SIGTERM);
     }
-    return ok ? 0 : exit_listen;
+    stopper.join();
+    return rc == 0 ? 0 : exit_listen;
 }

@@ -6,6 +6,10 @@
 // The daemon's REP workers hand the envelope back unchanged, so replies may
 // arrive in any order and still find their request, and the board's workers
 // serve one probe's requests side by side.
+#include <malloc.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <zmq.h>
 
 #include <algorithm>
@@ -15,6 +19,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 
 #include "exporter.h"
@@ -23,6 +28,11 @@
 namespace {
 
 using clock_type = std::chrono::steady_clock;
+
+// The files a probe asks for fit one packet; a board's plug-in might answer
+// in several, up to 128 KiB.
+constexpr size_t max_file_packets = 16;
+constexpr int handshake_ms = 1000;
 
 struct request {
     uint32_t code = 0, id = 0;
@@ -52,6 +62,7 @@ public:
     void*& mon = link.mon;
     std::vector<request> reqs;
     size_t pending = 0;
+    int client_fd = -1;  // the HTTP client's connection, watched for its end
     probe_reason reason = reason_none;
     std::string why;
 
@@ -73,9 +84,18 @@ private:
 
 std::atomic<unsigned> monitor_serial{0};
 
-// Links of boards between probes. The lock is held only to take or give one.
+// Links of boards between probes, at most max_per_key per board and
+// max_idle in all, each closed after idle_time unused by a timer thread. The
+// lock is held only to take, give or sweep.
 class link_pool {
 public:
+    link_pool() {
+        rlimit r{};
+        getrlimit(RLIMIT_NOFILE, &r);
+        // A link costs about three descriptors (TCP, socket mailbox, reaper).
+        max_idle = std::min<size_t>(1024, static_cast<size_t>(r.rlim_cur) / 8);
+        std::thread(&link_pool::sweeper, this).detach();
+    }
     // An idle link to key, or false.
     bool take(const std::string& key, board_link& out) {
         std::lock_guard<std::mutex> g(lock);
@@ -88,21 +108,33 @@ public:
         return true;
     }
     void give(const std::string& key, board_link l) {
-        std::vector<board_link> stale;
         {
             std::lock_guard<std::mutex> g(lock);
-            const auto now = clock_type::now();
-            if (idle.size() < max_idle) {
-                l.idle_since = now;
+            if (idle.size() < max_idle && idle.count(key) < max_per_key) {
+                l.idle_since = clock_type::now();
                 idle.emplace(key, l);
-            } else {
-                stale.push_back(l);
+                return;
             }
-            // Links of boards no longer probed are let go.
-            if (now - last_sweep > std::chrono::seconds(10)) {
-                last_sweep = now;
+        }
+        close_link(l);
+    }
+    std::atomic<int64_t> idle_ms{120000};
+    std::atomic<bool> trim_wanted{false};  // a failed link may have held much memory
+
+private:
+    [[noreturn]] void sweeper() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        for (;;) {
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(std::clamp<int64_t>(idle_ms / 4, 10, 1000)));
+            std::vector<board_link> stale;
+            {
+                std::lock_guard<std::mutex> g(lock);
+                const auto oldest = clock_type::now() - std::chrono::milliseconds(idle_ms);
                 for (auto it = idle.begin(); it != idle.end();) {
-                    if (now - it->second.idle_since > max_idle_time) {
+                    if (it->second.idle_since < oldest) {
                         stale.push_back(it->second);
                         it = idle.erase(it);
                     } else {
@@ -110,23 +142,26 @@ public:
                     }
                 }
             }
-        }
-        for (board_link& s : stale) {
-            close_link(s);
+            for (board_link& l : stale) {
+                close_link(l);
+            }
+            // libzmq frees a dropped link's queued parts on its own thread;
+            // the heap they grew is handed back here, not at each probe.
+            if (trim_wanted.exchange(false)) {
+                malloc_trim(0);
+            }
         }
     }
-
-private:
-    static constexpr size_t max_idle = 4096;
-    static constexpr std::chrono::seconds max_idle_time{120};
+    static constexpr size_t max_per_key = 4;
+    size_t max_idle = 1024;
     std::mutex lock;
     std::unordered_multimap<std::string, board_link> idle;
-    clock_type::time_point last_sweep = clock_type::now();
 };
 
 link_pool& pool() {
-    static link_pool p;
-    return p;
+    // Never destroyed: its timer thread runs until the process ends.
+    static link_pool* p = new link_pool;
+    return *p;
 }
 
 // Which links may serve a target: same endpoint, same keys.
@@ -147,6 +182,8 @@ probe_session::~probe_session() {
         pool().give(link_key(target), link);
     } else {
         close_link(link);
+        pool().trim_wanted =
+            pool().trim_wanted || reason == reason_timeout || reason == reason_malformed;
     }
 }
 
@@ -166,6 +203,14 @@ int probe_session::open_link() {
     }
     int zero = 0;
     zmq_setsockopt(sock, ZMQ_LINGER, &zero, sizeof zero);
+    // A frame longer than one packet drops the link before it is held in
+    // memory. A multi-part reply without end is bounded by the probe's
+    // deadline only: libzmq keeps a message's parts until its last one.
+    int64_t max_frame = max_reply_frame;
+    zmq_setsockopt(sock, ZMQ_MAXMSGSIZE, &max_frame, sizeof max_frame);
+    // A daemon greets at once: a peer that has not finished the handshake
+    // within this is not one (libzmq's default waits 30 s).
+    zmq_setsockopt(sock, ZMQ_HANDSHAKE_IVL, &handshake_ms, sizeof handshake_ms);
     if (target.keys.on()) {
         const curve_keys& k = target.keys;
         if (zmq_setsockopt(sock, ZMQ_CURVE_SERVERKEY, k.server_public.c_str(), 41) != 0 ||
@@ -225,6 +270,9 @@ void probe_session::fail_refused(conn_verdict v) {
         fail(reason_refused, "connection to " + target.endpoint + " refused");
     } else if (v == conn_verdict::handshake_closed) {
         fail(reason_refused, target.endpoint + " closed the connection in the handshake");
+    } else if (v == conn_verdict::no_handshake) {
+        fail(reason_handshake, "no ZeroMQ handshake from " + target.endpoint + " within " +
+                                   std::to_string(handshake_ms) + " ms: not a vireo-monitor");
     } else {
         fail(reason_refused, "handshake with " + target.endpoint +
                                  " refused (key not accepted, wrong server key or security "
@@ -242,12 +290,14 @@ int probe_session::read_reply() {
             zmq_msg_close(&msg);
             return -1;
         }
-        // 1024 parts: a multi-packet reply of 8 MiB; the rest is dropped.
-        if (parts.size() < 1026) {
+        // The envelope's two parts and max_file_packets packets; the rest is
+        // dropped.
+        if (parts.size() < 2 + max_file_packets) {
             const uint8_t* d = static_cast<const uint8_t*>(zmq_msg_data(&msg));
             parts.emplace_back(d, d + zmq_msg_size(&msg));
         } else {
-            fail(reason_malformed, "reply of more than 1024 parts");
+            fail(reason_malformed,
+                 "reply of more than " + std::to_string(max_file_packets) + " packets");
         }
         more = zmq_msg_more(&msg);
         zmq_msg_close(&msg);
@@ -285,14 +335,30 @@ bool probe_session::wait_all(const std::function<void(size_t)>& on_reply) {
             fail(reason_timeout, "no reply from " + target.endpoint + " in time");
             break;
         }
-        zmq_pollitem_t items[] = {{sock, 0, ZMQ_POLLIN, 0}, {mon, 0, ZMQ_POLLIN, 0}};
-        if (zmq_poll(items, mon != nullptr ? 2 : 1, static_cast<long>(left.count())) == -1) {
+        zmq_pollitem_t items[] = {
+            {sock, 0, ZMQ_POLLIN, 0}, {nullptr, client_fd, ZMQ_POLLIN, 0}, {mon, 0, ZMQ_POLLIN, 0}};
+        int n_items = client_fd >= 0 ? 2 : 1;
+        if (mon != nullptr) {
+            items[n_items++] = items[2];
+        }
+        if (zmq_poll(items, n_items, static_cast<long>(left.count())) == -1) {
             if (errno != EINTR) {
                 fail(reason_error, std::string("zmq_poll: ") + zmq_strerror(errno));
             }
             continue;
         }
-        if (mon != nullptr && (items[1].revents & ZMQ_POLLIN)) {
+        if (client_fd >= 0 && (items[1].revents & ZMQ_POLLIN)) {
+            // The request is read whole: readable now means closed, or a
+            // client sending more than it should (then no longer watched).
+            char c;
+            ssize_t got = recv(client_fd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
+            if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+                fail(reason_timeout, "the HTTP client went away");
+                break;
+            }
+            client_fd = got > 0 ? -1 : client_fd;
+        }
+        if (mon != nullptr && (items[n_items - 1].revents & ZMQ_POLLIN)) {
             read_monitor();
         }
         // Every reply queued now; a reply may queue more requests.
@@ -312,6 +378,52 @@ std::vector<uint8_t> pid_payload(uint32_t pid) {
 // A reply's status: 0 when the board answered with a payload or nothing.
 int32_t status_of(const request& r) {
     return r.reply.header().msg_len < 0 ? r.reply.header().msg_len : 0;
+}
+
+// A system file's request, and the collector of its reply.
+struct source {
+    const collector& c;
+    size_t idx = SIZE_MAX;
+};
+
+// Per process: the indexes of its pidfile, status and stat requests.
+struct proc_reqs {
+    size_t pidfile = SIZE_MAX, status = SIZE_MAX, stat = SIZE_MAX;
+    uint32_t pid = 0;
+};
+
+// The families of a board that answered: each file's status, what its
+// collector reads from it, and the named processes.
+void render_board(const probe_session& s, const source (&sources)[4],
+                  const std::vector<proc_reqs>& procs, metric_writer& w) {
+    const target_conf& t = s.target;
+    w.family("vireo_command_status", "gauge",
+             "Status the board answered for each system file: 0, or its negative error code.");
+    for (const source& src : sources) {
+        if (src.idx != SIZE_MAX) {
+            w.sample("vireo_command_status", {{"command", src.c.name}}, status_of(s.reqs[src.idx]));
+        }
+    }
+    for (const source& src : sources) {
+        if (src.idx == SIZE_MAX || status_of(s.reqs[src.idx]) != 0) {
+            continue;
+        }
+        src.c.render(s.reqs[src.idx].reply.payload, t.user_hz, w);
+    }
+    std::vector<process_sample> samples;
+    for (size_t i = 0; i < procs.size(); i++) {
+        process_sample p;
+        p.name = t.processes[i].name;
+        p.pid = procs[i].pid;
+        const proc_reqs& r = procs[i];
+        if (r.status != SIZE_MAX && s.reqs[r.status].done && s.reqs[r.stat].done &&
+            status_of(s.reqs[r.status]) == 0 && status_of(s.reqs[r.stat]) == 0) {
+            parse_process(s.reqs[r.status].reply.payload, s.reqs[r.stat].reply.payload, t.user_hz,
+                          p);
+        }
+        samples.push_back(p);
+    }
+    render_processes(samples, w);
 }
 
 }  // namespace
@@ -337,27 +449,21 @@ const char* reason_text(probe_reason r) {
             return "malformed";
         case reason_error:
             return "error";
+        case reason_handshake:
+            return "handshake";
         default:
             return "";
     }
 }
 
-void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
+void run_probe(const target_conf& t, double timeout_s, probe_result& out, int client_fd) {
     const auto start = clock_type::now();
     probe_session s(t, start + std::chrono::microseconds(static_cast<int64_t>(timeout_s * 1e6)));
-    struct source {
-        const char* name;
-        const cmd_ref& ref;
-        size_t idx = SIZE_MAX;
-    } sources[] = {{"meminfo", t.cmds.meminfo},
-                   {"loadavg", t.cmds.loadavg},
-                   {"stat", t.cmds.stat},
-                   {"uptime", t.cmds.uptime}};
-    // Per process: the indexes of its pidfile, status and stat requests.
-    struct proc_reqs {
-        size_t pidfile = SIZE_MAX, status = SIZE_MAX, stat = SIZE_MAX;
-        uint32_t pid = 0;
-    };
+    s.client_fd = client_fd;
+    source sources[] = {{system_collectors[0]},
+                        {system_collectors[1]},
+                        {system_collectors[2]},
+                        {system_collectors[3]}};
     std::vector<proc_reqs> procs(t.processes.size());
     const bool per_process = t.cmds.process_status.set && t.cmds.process_stat.set;
     auto ask_process = [&](proc_reqs& p) {
@@ -366,8 +472,8 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
     };
     if (s.open() == 0) {
         for (source& src : sources) {
-            if (src.ref.set) {
-                src.idx = s.send(src.ref, {});
+            if ((t.cmds.*src.c.ref).set) {
+                src.idx = s.send(t.cmds.*src.c.ref, {});
             }
         }
         for (size_t i = 0; per_process && i < procs.size(); i++) {
@@ -391,7 +497,7 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
     for (const source& src : sources) {
         if (s.reason == reason_none && src.idx != SIZE_MAX && status_of(s.reqs[src.idx]) != 0) {
             s.reason = reason_error;
-            s.why = std::string(src.name) + ": " + status_text(status_of(s.reqs[src.idx]));
+            s.why = std::string(src.c.name) + ": " + status_text(status_of(s.reqs[src.idx]));
         }
     }
 
@@ -404,43 +510,7 @@ void run_probe(const target_conf& t, double timeout_s, probe_result& out) {
         w.sample("vireo_up", {{"reason", reason_text(s.reason)}}, 0);
     }
     if (s.reason == reason_none || s.reason == reason_error) {
-        w.family("vireo_command_status", "gauge",
-                 "Status the board answered for each system file: 0, or its negative error code.");
-        for (const source& src : sources) {
-            if (src.idx != SIZE_MAX) {
-                w.sample("vireo_command_status", {{"command", src.name}},
-                         status_of(s.reqs[src.idx]));
-            }
-        }
-        for (const source& src : sources) {
-            if (src.idx == SIZE_MAX || status_of(s.reqs[src.idx]) != 0) {
-                continue;
-            }
-            const std::string& text = s.reqs[src.idx].reply.payload;
-            if (&src.ref == &t.cmds.meminfo) {
-                render_meminfo(text, w);
-            } else if (&src.ref == &t.cmds.loadavg) {
-                render_loadavg(text, w);
-            } else if (&src.ref == &t.cmds.stat) {
-                render_stat(text, t.user_hz, w);
-            } else {
-                render_uptime(text, w);
-            }
-        }
-        std::vector<process_sample> samples;
-        for (size_t i = 0; i < procs.size(); i++) {
-            process_sample p;
-            p.name = t.processes[i].name;
-            p.pid = procs[i].pid;
-            const proc_reqs& r = procs[i];
-            if (r.status != SIZE_MAX && s.reqs[r.status].done && s.reqs[r.stat].done &&
-                status_of(s.reqs[r.status]) == 0 && status_of(s.reqs[r.stat]) == 0) {
-                parse_process(s.reqs[r.status].reply.payload, s.reqs[r.stat].reply.payload,
-                              t.user_hz, p);
-            }
-            samples.push_back(p);
-        }
-        render_processes(samples, w);
+        render_board(s, sources, procs, w);
     }
     out.reason = s.reason;
     out.why = s.why;
@@ -463,4 +533,8 @@ void* probe_context() {
         return c;
     }();
     return ctx;
+}
+
+void set_link_idle_time(double seconds) {
+    pool().idle_ms = static_cast<int64_t>(seconds * 1000);
 }
