@@ -275,6 +275,16 @@ def probe(records, loads):
     return rows + ["", "Reproduce: `bench/probe BUILD_DIR` (JSON lines; also part of `make bench`)."]
 
 
+def raw(records):
+    """Raw (markup) samples: each measure with its goal."""
+    rows = ["## Raw stacks, named on the host", "", "| Measure | Result | Goal | |", "|---|---|---|---|"]
+    for r in records:
+        op, bound = r["goal"].split()
+        ok = within(r["value"], {"<=": "le", ">=": "ge", "<": "le"}[op], float(bound))
+        rows.append("| %s (%s) | %s | %s | %s |" % (r["key"], r["note"], r["value"], r["goal"], met(ok)))
+    return rows + ["", "Reproduce: `bench/raw BUILD_DIR` (JSON lines; also part of `make bench`)."]
+
+
 def header(ctx):
     return ["# vireo-monitor benchmark", "",
             "%s, %d CPU(s), %s, build type %s." % (ctx["date"], ctx["nproc"], ctx["kernel"],
@@ -318,6 +328,8 @@ def render(records, ctx):
     if any(r.get("kind", "").startswith("probe") for r in records):
         loads = {k: r[k] for r in records if r.get("kind") == "probe_load" for k in r if k != "kind"}
         lines += probe(records, loads) + [""]
+    if any(r.get("kind") == "raw" for r in records):
+        lines += raw([r for r in records if r.get("kind") == "raw"]) + [""]
     lines.append("Reproduce: `make bench` (or `bench/run BUILD_DIR`); raw runs as JSON lines in "
                  "results.jsonl beside this file.")
     return "\n".join(lines) + "\n"

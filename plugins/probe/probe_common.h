@@ -17,11 +17,17 @@ class comm_data;
 
 // What a probe request names: payload bytes 0..3 the pid, bytes 4..7 the
 // thread (both little-endian); a thread of 0, or a payload of 4 to 7 bytes,
-// means every thread.
+// means every thread. Bytes 8..11, when there, are flags (probe_flag_*);
+// other bits are ignored.
 struct probe_args {
     pid_t pid = 0;
     pid_t tid = 0;
+    uint32_t flags = 0;
 };
+
+// Stacks and samples as raw addresses with the modules' build-ids
+// (symbolizer markup), for naming on another machine; no symbol lookups.
+constexpr uint32_t probe_flag_raw = 1;
 
 // Reads the arguments of c's request. Returns 0, or -22 (EINVAL) when the
 // payload is shorter than 4 bytes, longer than a request may be, names pid

@@ -21,6 +21,7 @@ int probe_parse_args(comm_data* c, probe_args& args) {
     }
     args.pid = static_cast<pid_t>(pid);
     args.tid = static_cast<pid_t>(tid);
+    args.flags = req->msg_len >= 12 ? u8_to_u32(req->msg + 8) : 0;
     return 0;
 }
 

@@ -448,6 +448,8 @@ int walk(comm_data* c, walker_op op, std::string& text) {
     auto deadline = steady::now() + milliseconds(left_ms);
     // A thread that does not stop within half the time left is reported in
     // its place, so that the other threads' stacks still come back.
+    if (args.flags & probe_flag_raw)
+        op = op == walker_stack ? walker_stack_raw : walker_sample_raw;
     walker_request req{op, args.tid, static_cast<int32_t>(std::clamp(left_ms / 2, 1L, 1000L))};
     walker_proc p;
     std::shared_ptr<const std::string> shared;

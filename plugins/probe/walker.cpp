@@ -70,6 +70,7 @@ struct mapping {
     uint64_t start = 0, end = 0;
     unsigned major = 0, minor = 0;
     uint64_t inode = 0;
+    bool exec = false;
     std::string path;
 };
 
@@ -92,6 +93,14 @@ struct walker {
     Dwfl* dwfl = nullptr;
     std::string maps;  // the text the modules were reported from
     std::vector<mapping> files;  // its lines that map files
+    // The modules and executable mappings as markup for raw replies, made
+    // once per change of the maps (empty: not yet).
+    std::string context;
+    // Samples re-read the maps at a bounded rate, or sooner once a frame
+    // fell outside every module: with many mappings the read costs more
+    // than the unwind.
+    int64_t maps_read_us = 0;
+    bool stale = false;
     // A thread was seized but did not stop in time: it cannot be let go
     // before it stops, so this walker ends after its reply (its exit
     // detaches the thread).
@@ -414,13 +423,15 @@ std::vector<mapping> file_mappings(const std::string& maps) {
         at = end + 1;
         mapping m;
         unsigned long long start, stop, inode;
+        char perms[8] = "";
         int path_at = 0;
-        if (sscanf(line.c_str(), "%llx-%llx %*s %*x %x:%x %llu %n", &start, &stop, &m.major,
-                   &m.minor, &inode, &path_at) < 5 ||
+        if (sscanf(line.c_str(), "%llx-%llx %7s %*x %x:%x %llu %n", &start, &stop, perms, &m.major,
+                   &m.minor, &inode, &path_at) < 6 ||
             inode == 0 || path_at <= 0 || line[static_cast<size_t>(path_at)] != '/') {
             continue;
         }
         m.start = start, m.end = stop, m.inode = inode;
+        m.exec = strchr(perms, 'x') != nullptr;
         m.path = line.substr(static_cast<size_t>(path_at));
         out.push_back(std::move(m));
     }
@@ -472,10 +483,22 @@ int find_module_elf(Dwfl_Module* mod, void** userdata, const char* name, Dwarf_A
     return -1;
 }
 
+// How often a sample re-reads the maps: at least once a second, and when a
+// frame fell outside every module at most every 200 ms (a JIT's code never
+// falls into one).
+constexpr int64_t maps_period_us = 1000000, stale_period_us = 200000;
+
 // Reports the process's modules when its mappings changed (and on first
 // use). 0 or a negated errno: -EACCES when the maps are not readable.
-int refresh_modules(walker& w) {
+// A sample (bounded) reads the maps only as often as above.
+int refresh_modules(walker& w, bool bounded) {
     std::string maps;
+    int64_t now = now_us();
+    if (bounded && w.dwfl != nullptr && !w.maps.empty() &&
+        now - w.maps_read_us < (w.stale ? stale_period_us : maps_period_us))
+        return 0;
+    w.maps_read_us = now;
+    w.stale = false;
     w.view = live_view(w.pid);
     // Up to 64 MiB: a process with many mappings (a JIT, a large C++
     // program) has maps far beyond a status file's size.
@@ -500,6 +523,7 @@ int refresh_modules(walker& w) {
     }
     w.names.clear();
     w.places.clear();
+    w.context.clear();
     w.maps = maps;
     if (dwfl_pid(w.dwfl) < 0 &&
         !dwfl_attach_state(w.dwfl, own_elf(), w.pid, &thread_callbacks, &w)) {
@@ -507,6 +531,83 @@ int refresh_modules(walker& w) {
         return -EINVAL;
     }
     return 0;
+}
+
+// --- raw replies: symbolizer markup -------------------------------------------
+
+struct context_builder {
+    walker* w;
+    std::string text;
+    int next_id = 0;
+};
+
+// One module element and its executable mappings' mmap elements. The
+// build-id comes from the file libdw opened: the one the target maps. Each
+// mapping's module-relative address is its start less the load bias.
+int add_module(Dwfl_Module* mod, void**, const char* name, Dwarf_Addr low, void* arg) {
+    auto& b = *static_cast<context_builder*>(arg);
+    if (name == nullptr || name[0] != '/' || strpbrk(name, "{}\n") != nullptr)
+        return DWARF_CB_OK;
+    Dwarf_Addr bias = 0;
+    if (dwfl_module_getelf(mod, &bias) == nullptr)
+        return DWARF_CB_OK;
+    Dwarf_Addr high = 0;
+    dwfl_module_info(mod, nullptr, nullptr, &high, nullptr, nullptr, nullptr, nullptr);
+    const unsigned char* bits = nullptr;
+    GElf_Addr note_at = 0;
+    int n = dwfl_module_build_id(mod, &bits, &note_at);
+    std::string id;
+    static const char hex[] = "0123456789abcdef";
+    for (int i = 0; i < n; i++) {
+        id += hex[bits[i] >> 4];
+        id += hex[bits[i] & 15];
+    }
+    char line[160];
+    std::string maps;
+    for (const mapping& m : b.w->files) {
+        if (!m.exec || m.path != name || m.start < low || m.start >= high)
+            continue;
+        snprintf(line, sizeof line,
+                 "{{{mmap:0x%" PRIx64 ":0x%" PRIx64 ":load:%d:rx:0x%" PRIx64 "}}}\n", m.start,
+                 m.end - m.start, b.next_id, m.start - bias);
+        maps += line;
+    }
+    if (maps.empty())
+        return DWARF_CB_OK;
+    b.text += "{{{module:" + std::to_string(b.next_id++) + ":" + name + ":elf:" + id + "}}}\n";
+    b.text += maps;
+    return DWARF_CB_OK;
+}
+
+// The markup that opens every raw reply: a reset, then the modules.
+const std::string& markup_context(walker& w) {
+    if (w.context.empty()) {
+        context_builder b{&w, "{{{reset}}}\n"};
+        dwfl_getmodules(w.dwfl, add_module, &b, 0);
+        w.context = std::move(b.text);
+    }
+    return w.context;
+}
+
+void print_raw_stack(const std::vector<frame>& frames, bool cut, text_out& out) {
+    for (size_t i = 0; i < frames.size(); i++) {
+        if (!out.printf("{{{bt:%zu:0x%" PRIx64 ":%s}}}", i, frames[i].pc,
+                        frames[i].activation ? "pc" : "ra"))
+            return;
+    }
+    if (cut)
+        out.line(walker_cut_raw_line);
+}
+
+// A frame outside every module: the maps changed since they were read, or
+// the thread runs code no file maps. Samples then read them again soon.
+void note_strays(walker& w, const std::vector<frame>& frames) {
+    for (const frame& f : frames) {
+        if (dwfl_addrmodule(w.dwfl, f.activation ? f.pc : f.pc - 1) == nullptr) {
+            w.stale = true;
+            return;
+        }
+    }
 }
 
 std::string demangled(const char* sym) {
@@ -587,7 +688,7 @@ void note(counts& n, int rc, size_t frames) {
 }
 
 void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut,
-                 const std::string& why, text_out& out) {
+                 const std::string& why, bool raw, text_out& out) {
     if (!out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str()))
         return;
     if (frames.empty()) {
@@ -595,6 +696,10 @@ void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, bool cu
             out.printf("    (%s)", why.c_str());
         else
             out.printf("    (no frames: %s)", why.c_str());
+        return;
+    }
+    if (raw) {
+        print_raw_stack(frames, cut, out);
         return;
     }
     int n = 0;
@@ -615,16 +720,22 @@ void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, bool cu
         out.line(walker_cut_line);
 }
 
-void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut,
-                  int64_t held_us, text_out& out) {
+void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut, int64_t held_us,
+                  bool raw, text_out& out) {
     std::string line = std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) + "\t" +
                        std::to_string(held_us) + "\t";
     // The outermost frame kept is not the stack's root: a profile must not
     // count the stack under it.
     if (cut)
         line += walker_cut_root ";";
+    char addr[24];
     for (size_t i = frames.size(); i-- > 0;) {
-        line += folded_name(w, frames[i]);
+        if (raw) {
+            snprintf(addr, sizeof addr, "0x%" PRIx64, frames[i].pc);
+            line += addr;
+        } else {
+            line += folded_name(w, frames[i]);
+        }
         if (i > 0)
             line += ';';
     }
@@ -668,7 +779,7 @@ bool skip_thread(walker& w, const walker_request& req, pid_t tid, counts& n, tex
     char state = thread_state(w.pid, tid);
     if (state == 'D') {
         n.walked++;
-        if (req.op == walker_sample) {
+        if (walker_op_sample(req.op)) {
             out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
                      "\t0\t[uninterruptible]");
         } else {
@@ -678,7 +789,7 @@ bool skip_thread(walker& w, const walker_request& req, pid_t tid, counts& n, tex
         return true;
     }
     if (!live(state) && tid == w.pid && w.view != w.pid) {
-        if (req.op == walker_stack) {
+        if (!walker_op_sample(req.op)) {
             out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str());
             out.line("    (no frames: the thread has exited)");
         }
@@ -689,9 +800,13 @@ bool skip_thread(walker& w, const walker_request& req, pid_t tid, counts& n, tex
 
 int handle(walker& w, const walker_request& req, text_out& out) {
     reap_pending(w);
-    int rc = refresh_modules(w);
+    const bool raw = walker_op_raw(req.op), sample = walker_op_sample(req.op);
+    int rc = refresh_modules(w, sample);
     if (rc != 0)
         return ending(w.pid) ? -ESRCH : rc;
+    // The context comes first, so that a reply cut at 1 MiB still names.
+    if (raw)
+        out.line(markup_context(w).substr(0, w.context.size() - 1));
     std::vector<pid_t> tids = req.tid != 0 ? std::vector<pid_t>{req.tid} : probe_list_tasks(w.pid);
     if (tids.empty())
         return -ESRCH;
@@ -705,15 +820,17 @@ int handle(walker& w, const walker_request& req, text_out& out) {
             continue;
         rc = walk_thread(w, tid, req.stop_ms, frames, cut, held_us, why);
         note(n, rc, frames.size());
+        if (sample)
+            note_strays(w, frames);
         if (rc == -EAGAIN) {
             n.walked++;
             char state = thread_state(w.pid, tid);
             why = std::string("not stopped: ") + (state != 0 ? state : '?') + " state";
         }
-        if (req.op == walker_stack) {
-            print_stack(w, tid, frames, cut, why, out);
+        if (!sample) {
+            print_stack(w, tid, frames, cut, why, raw, out);
         } else if (rc == 0) {
-            print_sample(w, tid, frames, cut, held_us, out);
+            print_sample(w, tid, frames, cut, held_us, raw, out);
         } else if (rc == -EAGAIN) {
             out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
                      "\t0\t[not stopped]");

@@ -25,7 +25,20 @@ enum walker_op : uint32_t {
     // request of a walker started without a PID, which the plug-in keeps
     // ready so that a new target does not wait for a program start.
     walker_bind = 3,
+    // walker_stack and walker_sample without symbol lookups, for naming on
+    // another machine: the process's modules with their build-ids and
+    // executable mappings as symbolizer markup first, then per frame its
+    // address only (a "bt" element in a stack, "0xADDR" in a sample line).
+    walker_stack_raw = 4,
+    walker_sample_raw = 5,
 };
+
+inline bool walker_op_raw(uint32_t op) {
+    return op == walker_stack_raw || op == walker_sample_raw;
+}
+inline bool walker_op_sample(uint32_t op) {
+    return op == walker_sample || op == walker_sample_raw;
+}
 
 struct walker_reply {
     int32_t status;  // 0, or a negated errno value (then len is 0)
@@ -49,14 +62,15 @@ struct walker_request {
 constexpr unsigned walker_max_frames = 256;
 #define walker_cut_line "    ... (cut at 256 frames)"
 #define walker_cut_root "[cut]"
+#define walker_cut_raw_line "    (stack cut: at 256 frames)"
 
 // A request the walker serves: a known op, a thread id that is not negative
 // and, but for walker_bind, a stop time of 1 ms to 10 minutes.
 inline bool walker_request_valid(const walker_request& r) {
     if (r.op == walker_bind)
         return r.tid > 0;
-    return (r.op == walker_stack || r.op == walker_sample) && r.tid >= 0 && r.stop_ms >= 1 &&
-           r.stop_ms <= 600000;
+    return r.op != walker_bind && r.op >= walker_stack && r.op <= walker_sample_raw && r.tid >= 0 &&
+           r.stop_ms >= 1 && r.stop_ms <= 600000;
 }
 
 // A reply header the plug-in accepts: a status of 0 with up to

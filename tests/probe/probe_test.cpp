@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <map>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -152,6 +153,31 @@ TEST(probe, threads_errors_and_stacks) {
         ASSERT_NE(at = r.payload.find(fn, at), string::npos) << fn << " in order in\n" << r.payload;
     string every = d.ask(STACK, args(helper.pid, 0)).payload;
     EXPECT_TRUE(count(every, "Thread ") == 4 && count(every, " in vireo_helper_deep+0x") == 3) << every;
+    // Flags in bytes 8..11: 0 changes nothing; bit 0 asks for markup: the
+    // helper's module with the build-id and its code segment's address from
+    // its own file, frames as addresses only (pc, then ra), samples as
+    // addresses root first.
+    auto flagged = [&](int sub, uint32_t flags) { auto p = args(helper.pid, helper.pid), f = pid_payload(flags); p.insert(p.end(), f.begin(), f.end()); return d.ask(sub, p).payload; };
+    EXPECT_EQ(flagged(STACK, 0), r.payload);
+    string raw = flagged(STACK, 1), elf = VIREO_PROBE_HELPER;
+    FILE* re = popen(("readelf -nlW " + elf + " | sed -n -e 's/.*Build ID: *//p' -e 's/^ *LOAD *0x[0-9a-f]* *0x0*\\([0-9a-f]*\\) .* R E .*/\\1/p'").c_str(), "r");
+    char info[256] = "";
+    size_t got = re != nullptr ? fread(info, 1, sizeof info - 1, re) : 0;
+    if (re != nullptr) pclose(re);
+    std::istringstream lines(string(info, got));
+    string code_at, id;
+    lines >> code_at >> id;
+    ASSERT_EQ(id.size(), 40u) << info;
+    EXPECT_EQ(raw.rfind("{{{reset}}}\n{{{module:0:", 0), 0u) << raw;
+    size_t mod = raw.find(":" + elf + ":elf:" + id + "}}}\n{{{mmap:0x");
+    ASSERT_NE(mod, string::npos) << elf << " " << id << "\n" << raw;
+    string map = raw.substr(mod, raw.find('\n', raw.find('\n', mod) + 1) - mod);
+    EXPECT_NE(map.find(":rx:0x" + code_at + "}}}"), string::npos) << map;
+    EXPECT_NE(raw.find("):\n{{{bt:0:0x"), string::npos) << raw;
+    EXPECT_TRUE(count(raw, ":pc}}}\n") == 1 && count(raw, "{{{bt:1:0x") == 1 && count(raw, ":ra}}}\n") >= 4) << raw;
+    EXPECT_EQ(raw.find("vireo_helper"), string::npos) << raw;
+    string sample = flagged(SAMPLE, 1);
+    EXPECT_TRUE(std::regex_search(sample, std::regex("\n" + std::to_string(helper.pid) + "\tvireo_probe_hel\t[0-9]+\t(0x[0-9a-f]+;){4,}0x[0-9a-f]+\n$"))) << sample;
     string bad[2];
     auto walk = [&](int k) {  // a walk while the other kind runs is answered busy
         for (int i = 0; i < 10; i++)

@@ -1,5 +1,6 @@
 // A program as a board runs it, stripped: each of its two threads prints its
-// own stack as symbolizer markup, the form the board sends, and it exits.
+// own stack as symbolizer markup, the form the board sends, and it exits
+// (with an argument, both spin in leaf_record until killed, for the daemon).
 // The stacks hold an inlined function, a template in a namespace and a call
 // through a stripped shared library.
 #include <dlfcn.h>
@@ -69,11 +70,15 @@ int module_lines(dl_phdr_info* info, size_t, void* next_id) {
 }
 
 std::string stacks[2];
+// "hold": both threads spin in leaf_record for ever, to be walked and sampled.
+bool hold = false;
+volatile unsigned long spins = 0;
 
 }  // namespace
 
 // The board adds the name its dynamic symbol table gives, when it has one.
 static inline __attribute__((always_inline)) void leaf_record(int slot) {
+    while (hold) spins = spins + 1;
     void* addrs[32];
     int n = backtrace(addrs, 32);
     char name[16] = "?";
@@ -105,12 +110,14 @@ __attribute__((noipa)) static int callback(int v) {
     return ns::worker<int>(v, 0) + 1;
 }
 
-int main() {
+int main(int argc, char**) {
+    hold = argc > 1;
     std::thread t([] {
         pthread_setname_np(pthread_self(), "sym-worker");
         ns::worker<long>(2, 1);
     });
-    t.join();
+    if (!hold)
+        t.join();
     int r = lib_call(callback, 1);
     int next_id = 0;
     printf("{{{reset}}}\n");

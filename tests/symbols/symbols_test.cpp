@@ -69,10 +69,10 @@ std::vector<string> board_frames(const string& out) {
 }
 
 const std::vector<string> named = {
-    "leaf_record at sym_target.cpp:78",    "int ns::worker<int>(int, int) at sym_target.cpp:98",
-    "callback(int) at sym_target.cpp:105", "lib_call at sym_lib.cpp:5",
-    "main at sym_target.cpp:114",          "_start",
-    "leaf_record at sym_target.cpp:78",    "long ns::worker<long>(long, int) at sym_target.cpp:98"};
+    "leaf_record at sym_target.cpp:83",    "int ns::worker<int>(int, int) at sym_target.cpp:103",
+    "callback(int) at sym_target.cpp:110", "lib_call at sym_lib.cpp:5",
+    "main at sym_target.cpp:121",          "_start",
+    "leaf_record at sym_target.cpp:83",    "long ns::worker<long>(long, int) at sym_target.cpp:103"};
 
 // Frames with the folder of each file cut off, for comparing.
 std::vector<string> short_files(std::vector<string> frames) {
@@ -83,7 +83,7 @@ std::vector<string> short_files(std::vector<string> frames) {
 void expect_named(const string& out) {
     EXPECT_EQ(short_files(board_frames(out)), named) << out;
     EXPECT_NE(out.find("leaf_record (" + the_board().dir.path()), string::npos) << out;
-    EXPECT_NE(out.find("sym_target.cpp:78 [inlined]\n#1  "), string::npos) << out;
+    EXPECT_NE(out.find("sym_target.cpp:83 [inlined]\n#1  "), string::npos) << out;
 }
 
 // Nothing named: offsets in the program, the board's own name in the library.
@@ -166,6 +166,40 @@ struct child {
     }
 };
 
+#ifdef VIREO_PROBE_PLUGIN
+// The real daemon serving the probe's stack and sample (group 0x30), and
+// the stripped program spinning on the board.
+struct probed_board {
+    temp_dir dir;
+    int port = free_port();
+    string cfg;
+    std::unique_ptr<daemon_process> daemon;
+    std::unique_ptr<child> target;
+    explicit probed_board(const string& program) {
+        string lib = string(VIREO_PROBE_PLUGIN);
+        string sub = dir.write("probe.json", R"({"cmd-list": [{"name": "stack", "id": "2", "type": "custom", "lib": ")" + lib + R"(", "symbols": "probe_stack"}, {"name": "sample", "id": "4", "type": "custom", "lib": ")" + lib + R"(", "symbols": "probe_sample"}]})");
+        cfg = dir.write("main.json", R"({"mode": "server", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) + R"(, "sub-configs": [{"class": "probe", "code": "0x30", "config": ")" + sub + R"("}]})");
+        daemon.reset(new daemon_process({"-c", cfg}));
+        EXPECT_TRUE(daemon->wait_ready("tcp://127.0.0.1:" + std::to_string(port)));
+        setenv("LD_LIBRARY_PATH", (the_board().dir.path() + "/board").c_str(), 1);
+        target.reset(new child({the_board().dir.path() + "/board/" + program, "hold"}));
+        unsetenv("LD_LIBRARY_PATH");
+        // Both threads inside leaf_record: the board names none of it.
+        for (int i = 0; i < 100 && count_of(ask("--raw"), "{{{bt:") < 12; i++) usleep(50000);
+    }
+    string ask(const string& args) {
+        return sh("DEBUGINFOD_CACHE_PATH=" + dir.path() + "/cache " VIREO_CLIENT_BIN " -c " + cfg +
+                  " probe.stack --pid " + std::to_string(target->pid) + " " + args);
+    }
+    static size_t count_of(const string& s, const string& what) {
+        size_t n = 0;
+        for (size_t at = 0; (at = s.find(what, at)) != string::npos; at++) n++;
+        return n;
+    }
+};
+
+#endif
+
 TEST(symbols, debuginfod_server_names_the_same) {
     if (!have("debuginfod") || !have("debuginfod-find"))
         GTEST_SKIP() << "debuginfod missing (Debian package debuginfod)";
@@ -186,6 +220,12 @@ TEST(symbols, debuginfod_server_names_the_same) {
                        .c_str()) == 0;
     ASSERT_TRUE(served) << id;
     expect_named(client("DEBUGINFOD_URLS=" + url, b.pie));
+#ifdef VIREO_PROBE_PLUGIN
+    // The daemon's markup of the spinning program, named from the server.
+    std::vector<string> frames = short_files(board_frames(probed_board("vireo_sym_target").ask("--debuginfod " + url)));
+    for (const string& want : {named[1], named[2], named[4], named[7]})
+        EXPECT_NE(std::find(frames.begin(), frames.end(), want), frames.end()) << want;
+#endif
 }
 
 TEST(symbols, llvm_symbolizer_names_the_same) {
@@ -243,5 +283,62 @@ TEST(symbols, pprof_file_read_by_go_tool_pprof) {
     EXPECT_NE(top.find("callback(int)"), string::npos) << top;
     EXPECT_NE(sh(env + "-tags " + file).find("sym-worker"), string::npos);
 }
+
+#ifdef VIREO_PROBE_PLUGIN
+// The daemon's own text names none of the program's functions (the library's
+// exported lib_call it may: stripped files keep dynamic symbols); the client
+// names every frame of the program and the library with file:line, the
+// inlined leaf as a frame of its own, and llvm-symbolizer names the same
+// functions from the daemon's markup.
+TEST(symbols, daemon_stacks_named_on_the_host) {
+    for (const string program : {"vireo_sym_target", "vireo_sym_target_nopie"}) {
+        probed_board b(program);
+        string host = the_board().dir.path() + "/host";
+        string text = b.ask(""), named_out = b.ask("--debug-dir " + host);
+        for (const char* fn : {"leaf_record", "worker<", "callback"})
+            EXPECT_EQ(text.find(fn), string::npos) << fn << "\n" << text;
+        std::vector<string> frames = short_files(board_frames(named_out));
+        ASSERT_GE(frames.size(), 8u) << named_out;
+        for (const string& f : frames) {
+            bool start = f == "_start";
+            EXPECT_TRUE(start || std::regex_match(f, std::regex(".+ at \\S+\\.cpp:\\d+"))) << f;
+        }
+        for (const string& want : {string("leaf_record at sym_target.cpp:81"), named[1], named[2], named[3], named[4], named[7]})
+            EXPECT_NE(std::find(frames.begin(), frames.end(), want), frames.end()) << want << "\n" << named_out;
+        EXPECT_EQ(probed_board::count_of(named_out, "sym_target.cpp:81 [inlined]"), 2u) << named_out;
+        if (have("llvm-symbolizer-16")) {
+            string llvm = b.ask("--raw | llvm-symbolizer-16 --filter-markup --debug-file-directory=" + host);
+            for (const char* fn : {"leaf_record", "ns::worker<int>(int, int)", "callback(int)", "lib_call", "main"})
+                EXPECT_NE(llvm.find(string(" ") + fn + " "), string::npos) << fn << "\n" << llvm;
+        }
+        if (program == string("vireo_sym_target_nopie"))
+            continue;
+        // The same from the debuginfod the fixture's server would serve:
+        // an unreachable one falls back to offsets.
+        string off = b.ask("--debuginfod http://127.0.0.1:" + std::to_string(free_port()));
+        EXPECT_NE(off.find(" in vireo_sym_target+0x"), string::npos) << off;
+        // A profile named on the host: the spinning leaf in most samples,
+        // and first in go tool pprof's table.
+        string prof = b.dir.path() + "/p", base = VIREO_CLIENT_BIN " profile -c " + b.cfg + " --pid " + std::to_string(b.target->pid) + " --duration 1 --rate 50 --debug-dir " + host;
+        sh(base + " -o " + prof + ".folded; " + base + " --format pprof -o " + prof + ".pb.gz");
+        std::ifstream in(prof + ".folded");
+        long hot = 0, all = 0;
+        for (string line; std::getline(in, line);) {
+            long n = atol(line.substr(line.rfind(' ') + 1).c_str());
+            all += n;
+            hot += line.find(";leaf_record ") != string::npos ? n : 0;
+        }
+        EXPECT_GT(all, 10);
+        EXPECT_GT(hot * 2, all) << hot << " of " << all;
+        if (have("go")) {
+            string top = sh("HOME=" + b.dir.path() + " PPROF_BINARY_PATH=/nonexistent go tool pprof -top " + prof + ".pb.gz");
+            size_t head = top.find(" flat ");
+            ASSERT_NE(head, string::npos) << top;
+            string first = top.substr(top.find('\n', head) + 1);
+            EXPECT_NE(first.substr(0, first.find('\n')).find("leaf_record"), string::npos) << top;
+        }
+    }
+}
+#endif
 
 }  // namespace

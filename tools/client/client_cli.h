@@ -48,6 +48,11 @@ struct options {
     std::vector<uint8_t> payload;
     std::string pid_name;           // --pid NAME, --name NAME: resolved on the board
     std::vector<std::string> args;  // the words that are no options
+    // A probe stack or sample asked raw (symbolizer markup) and named here
+    // from debug files, or printed as it came with --raw.
+    bool raw = false;
+    std::vector<std::string> debug_dirs, debuginfod_urls;
+    bool raw_asked() const { return raw || !debug_dirs.empty() || !debuginfod_urls.empty(); }
 };
 
 extern const char usage_text[];
@@ -118,6 +123,9 @@ int resolve_pid_name(client_conn& conn, const ps_command& cmd, const std::string
                      uint32_t& pid);
 // True when s is UTF-8 that JSON can carry as it is.
 bool valid_utf8(const std::string& s);
+// Names the frames of raw probe text (markup) from o's debug folders and
+// servers and prints it; client_exit::ok or a failure's exit status.
+int print_named_markup(const std::string& text, const options& o);
 
 // keygen BASE: writes a key pair and prints its public key; exit status.
 int keygen(const options& o);

@@ -44,6 +44,10 @@ const char usage_text[] =
     "                   name, else its command's file name)\n"
     "  --byte N         payload: one byte N (decimal, 0..255)\n"
     "  --hex HEXBYTES   payload: these bytes, e.g. e8030000\n"
+    "  --debug-dir DIR  ask a probe stack or sample raw and name its frames here from\n"
+    "                   debug files under DIR (repeatable; a build-id tree or a sysroot)\n"
+    "  --debuginfod URL the same, from this debuginfod server (or DEBUGINFOD_URLS)\n"
+    "  --raw            ask a probe stack or sample raw and print its markup\n"
     "  -v, --verbose    print the reply header on stderr\n"
     "  --json           print the reply (or the --list) as JSON\n"
     "  --watch SECONDS  repeat the request every SECONDS until interrupted\n"
@@ -68,7 +72,8 @@ const option_def option_defs[] = {
     {"-h", "--help", false, false},   {"-v", "--verbose", false, false},
     {"--json", "", false, false},     {"--list", "", false, false},
     {"--version", "", false, false},  {"--tid", "", true, false},
-    {"--name", "", true, false},
+    {"--name", "", true, false},      {"--raw", "", false, false},
+    {"--debuginfod", "", true, false}, {"--debug-dir", "", true, false},
 };
 
 // True when b is a one edit away from a: a character inserted, deleted or
@@ -180,6 +185,8 @@ bool set_value(const std::string& a, const std::string& v, options& o, std::stri
     } else if (a == "--pid" || a == "--byte" || a == "--name") {
         o.pid_given = o.pid_given || a != "--byte";
         return set_number_payload(a, v, o, why);
+    } else if (a == "--debug-dir" || a == "--debuginfod") {
+        (a == "--debug-dir" ? o.debug_dirs : o.debuginfod_urls).push_back(v);
     } else if (a == "--tid") {
         if (!parse_ulong(v, 0xFFFFFFFFul, n)) {
             why = "--tid needs a decimal thread id, not \"" + v + "\"";
@@ -203,6 +210,7 @@ void set_flag(const std::string& a, options& o) {
      : a == "--version" ? o.version
      : a == "-v"        ? o.verbose
      : a == "--json"    ? o.json
+     : a == "--raw"     ? o.raw
                         : o.list) = true;
 }
 
@@ -216,6 +224,11 @@ int check_together(const options& o, std::string& why) {
                                  : "--pid, --name, --byte and --hex exclude each other";
     } else if (o.tid_given && !o.pid_given) {
         why = "--tid needs --pid: the thread id follows the process id";
+    } else if (o.raw_asked() && o.pid_name.empty() && o.payload.size() != 4 &&
+               o.payload.size() != 8) {
+        why = "--raw, --debug-dir and --debuginfod need --pid (or --hex of a pid and a tid)";
+    } else if (o.raw_asked() && o.json) {
+        why = "--raw, --debug-dir and --debuginfod exclude --json";
     } else if (o.list && !o.args.empty()) {
         why = "--list takes no request";
     } else if (!o.list && o.args.empty()) {

@@ -72,6 +72,11 @@ int make_spec(const options& o, const client_config* cfg, const std::string& cfg
         return -1;
     }
     r.payload = o.payload;
+    if (o.raw_asked()) {
+        // Bytes 8..11: the probe's flags, bit 0 asking for markup.
+        r.payload.resize(12, 0);
+        r.payload[8] = 1;
+    }
     r.label = a[0];
     if (a.size() == (a[0] == "take-id" ? 1u : 2u) && id_cmd) {
         return id_request(a, r, why);

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string>
 
+#include "client_cli.h"
+
 #ifdef VIREO_HAVE_SYMBOLIZE
 #include "symbolize.h"
 #endif
@@ -33,6 +35,34 @@ int usage(const std::string& why) {
 }
 
 }  // namespace
+
+int print_named_markup(const std::string& text, const options& o) {
+#ifndef VIREO_HAVE_SYMBOLIZE
+    (void)text;
+    (void)o;
+    fputs("vireo-client: built without elfutils' libdw: no naming on this host\n", stderr);
+    return client_exit::usage;
+#else
+    symbolize_options so;
+    so.debug_dirs = o.debug_dirs;
+    so.debuginfod_urls = o.debuginfod_urls;
+    // One namer for every round of --watch: debug files stay open.
+    static symbolizer s(so);
+    if (text.empty())
+        return flush_output();
+    FILE* in = fmemopen(const_cast<char*>(text.data()), text.size(), "r");
+    if (in == nullptr)
+        return client_exit::output;
+    std::string why;
+    int rc = symbolize_stream(in, stdout, s, why);
+    fclose(in);
+    if (rc == symbolize_bad_markup) {
+        fprintf(stderr, "vireo-client: malformed markup in the reply: %s\n", why.c_str());
+        return client_exit::malformed;
+    }
+    return rc != 0 ? client_exit::output : flush_output();
+#endif
+}
 
 int run_symbolize(int argc, char** argv) {
 #ifndef VIREO_HAVE_SYMBOLIZE

@@ -75,6 +75,8 @@ int one_round(client_conn& conn, const request_spec& rq, const options& o) {
     if (!o.json) {
         if (rq.take_id) {
             printf("%u\n", static_cast<uint8_t>(r.payload[0]));
+        } else if (o.raw_asked() && !o.raw) {
+            return print_named_markup(r.payload, o);
         } else {
             fwrite(r.payload.data(), 1, r.payload.size(), stdout);
         }
