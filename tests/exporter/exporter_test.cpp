@@ -18,28 +18,6 @@
 namespace {
 using std::string;
 
-// A program run with its output in log; stopped by PID (TERM, then KILL).
-struct child {
-    pid_t pid;
-    child(std::vector<string> argv, const string& log) {
-        pid = fork();
-        if (pid == 0) {
-            freopen(log.c_str(), "w", stdout), dup2(1, 2);
-            std::vector<char*> a;
-            for (string& s : argv) a.push_back(s.data());
-            a.push_back(nullptr);
-            execvp(a[0], a.data());
-            _exit(127);
-        }
-        end_with_test(pid);
-    }
-    ~child() {
-        kill(pid, SIGTERM);
-        for (int i = 0; i < 100 && waitpid(pid, nullptr, WNOHANG) == 0; i++) usleep(50000);
-        if (kill(pid, SIGKILL) == 0)
-            waitpid(pid, nullptr, 0);
-    }
-};
 
 bool have(const string& tool) {
     return system(("command -v " + tool + " >/dev/null").c_str()) == 0;
@@ -114,14 +92,14 @@ struct board {
 struct exporter {
     temp_dir dir;
     int port = free_port();
-    std::unique_ptr<child> c;
+    std::unique_ptr<child_process> c;
     explicit exporter(const string& targets = "{}", const string& extra = "",
                       std::vector<string> args = {}) {
         args.insert(args.begin(), {VIREO_EXPORTER_BIN, "--listen",
                                    "127.0.0.1:" + std::to_string(port), "-c",
                                    dir.write("e.json", R"({"targets": )" + targets + extra + R"(, "processes": [
         {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")});
-        c.reset(new child(args, dir.path() + "/log"));
+        c.reset(new child_process(args, dir.path() + "/log"));
         EXPECT_NE(get(port, "/"), "") << read_text_file(dir.path() + "/log");
     }
     string probe(const string& target, const string& timeout = "5") {
@@ -220,7 +198,7 @@ scrape_configs:
    relabel_configs: [{source_labels: [__address__], target_label: __param_target},
      {source_labels: [__param_target], target_label: instance}, {target_label: __address__, replacement: '127.0.0.1:)" +
                                       std::to_string(e.port) + "'}]}\n");
-    child p({"prometheus", "--config.file=" + cfg, "--storage.tsdb.path=" + t.path() + "/data",
+    child_process p({"prometheus", "--config.file=" + cfg, "--storage.tsdb.path=" + t.path() + "/data",
              "--web.listen-address=127.0.0.1:" + std::to_string(port)},
             t.path() + "/log");
     std::set<string> instances;

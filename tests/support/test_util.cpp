@@ -211,6 +211,26 @@ void end_with_test(pid_t child) {
     (void)!write(watch_fd, &w, sizeof w);
 }
 
+child_process::child_process(std::vector<std::string> argv, const std::string& log) {
+    std::vector<char*> a;
+    for (std::string& s : argv) a.push_back(s.data());
+    a.push_back(nullptr);
+    pid = fork();
+    if (pid == 0) {
+        if (!log.empty() && freopen(log.c_str(), "w", stdout) != nullptr) dup2(1, 2);
+        execvp(a[0], a.data());
+        _exit(127);
+    }
+    end_with_test(pid);
+}
+
+child_process::~child_process() {
+    if (pid <= 0) return;
+    kill(pid, SIGTERM);
+    for (int i = 0; i < 100 && waitpid(pid, nullptr, WNOHANG) == 0; i++) usleep(50000);
+    if (kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+}
+
 daemon_process::daemon_process(const std::vector<std::string>& args) {
     char out_tmpl[] = "/tmp/vireo-daemon-out-XXXXXX", err_tmpl[] = "/tmp/vireo-daemon-err-XXXXXX";
     int out_fd = mkstemp(out_tmpl), err_fd = mkstemp(err_tmpl);

@@ -91,6 +91,17 @@ std::string test_plugin_dir();
 // then). A child that wants its own children ended too calls setpgid(0, 0).
 void end_with_test(pid_t child);
 
+// A program (found on PATH) run as a child of the test, its stdout and
+// stderr to log when one is given; stopped by PID (TERM, then KILL) at the
+// end, and with the test however it ends.
+struct child_process {
+    pid_t pid = -1;
+    explicit child_process(std::vector<std::string> argv, const std::string& log = "");
+    ~child_process();
+    child_process(const child_process&) = delete;
+    child_process& operator=(const child_process&) = delete;
+};
+
 // The real daemon, started with args; stdout and stderr go to files. Killed
 // by PID on destruction.
 class daemon_process {

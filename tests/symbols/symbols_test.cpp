@@ -147,24 +147,6 @@ TEST(symbols, malformed_markup_is_refused_with_its_line) {
     EXPECT_NE(out.find("status=3"), string::npos) << out;
 }
 
-// A program run as a child; stopped by PID when the test ends.
-struct child {
-    pid_t pid = fork();
-    explicit child(std::vector<string> argv) {
-        if (pid == 0) {
-            std::vector<char*> a;
-            for (string& s : argv) a.push_back(s.data());
-            a.push_back(nullptr);
-            execvp(a[0], a.data());
-            _exit(127);
-        }
-        end_with_test(pid);
-    }
-    ~child() {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-};
 
 #ifdef VIREO_PROBE_PLUGIN
 // The real daemon serving the probe's stack and sample (group 0x30), and
@@ -174,7 +156,7 @@ struct probed_board {
     int port = free_port();
     string cfg;
     std::unique_ptr<daemon_process> daemon;
-    std::unique_ptr<child> target;
+    std::unique_ptr<child_process> target;
     explicit probed_board(const string& program) {
         string lib = string(VIREO_PROBE_PLUGIN);
         string sub = dir.write("probe.json", R"({"cmd-list": [{"name": "stack", "id": "2", "type": "custom", "lib": ")" + lib + R"(", "symbols": "probe_stack"}, {"name": "sample", "id": "4", "type": "custom", "lib": ")" + lib + R"(", "symbols": "probe_sample"}]})");
@@ -182,7 +164,7 @@ struct probed_board {
         daemon.reset(new daemon_process({"-c", cfg}));
         EXPECT_TRUE(daemon->wait_ready("tcp://127.0.0.1:" + std::to_string(port)));
         setenv("LD_LIBRARY_PATH", (the_board().dir.path() + "/board").c_str(), 1);
-        target.reset(new child({the_board().dir.path() + "/board/" + program, "hold"}));
+        target.reset(new child_process({the_board().dir.path() + "/board/" + program, "hold"}));
         unsetenv("LD_LIBRARY_PATH");
         // Both threads inside leaf_record: the board names none of it.
         for (int i = 0; i < 100 && count_of(ask("--raw"), "{{{bt:") < 12; i++) usleep(50000);
@@ -205,7 +187,7 @@ TEST(symbols, debuginfod_server_names_the_same) {
         GTEST_SKIP() << "debuginfod missing (Debian package debuginfod)";
     board& b = the_board();
     string url = "http://127.0.0.1:" + std::to_string(free_port());
-    child server({"debuginfod", "-F", b.dir.path() + "/flat", "-d", b.dir.path() + "/db.sqlite",
+    child_process server({"debuginfod", "-F", b.dir.path() + "/flat", "-d", b.dir.path() + "/db.sqlite",
                   "-p", url.substr(url.rfind(':') + 1)});
     // Served once the first scan is done; each try with a fresh cache, as
     // the client remembers a miss.
