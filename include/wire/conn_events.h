@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 // The events to ask zmq_socket_monitor for.
 extern const int conn_watched_events;
@@ -41,6 +42,12 @@ public:
     // when an attempt has failed, else pending.
     conn_verdict at_timeout() const;
 };
+
+// Why a handshake failed on protocol error code, in words, for a side that
+// used CURVE or not: "security mismatch: the server does not use CURVE",
+// "security mismatch: the server uses CURVE", "wrong server key", or the
+// code in hex.
+std::string conn_protocol_reason(uint32_t code, bool curve);
 
 // Takes one queued event from a monitor socket without waiting. Returns 0
 // with event and value, or -1 when none is queued.

@@ -3,6 +3,7 @@
 #include <zmq.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 const int conn_watched_events =
@@ -62,6 +63,22 @@ conn_verdict conn_watch::at_timeout() const {
     }
     return last == conn_verdict::handshake_closed ? conn_verdict::handshake_closed
                                                   : conn_verdict::refused;
+}
+
+std::string conn_protocol_reason(uint32_t code, bool curve) {
+    switch (code) {
+        case ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH:
+            return curve ? "security mismatch: the server does not use CURVE"
+                         : "security mismatch: the server uses CURVE";
+        case ZMQ_PROTOCOL_ERROR_ZMTP_CRYPTOGRAPHIC:
+        case ZMQ_PROTOCOL_ERROR_ZMTP_KEY_EXCHANGE:
+            return "wrong server key";
+        default: {
+            char buf[32];
+            snprintf(buf, sizeof buf, "protocol error 0x%x", code);
+            return buf;
+        }
+    }
 }
 
 int read_conn_event(void* monitor, uint16_t& event, uint32_t& value) {

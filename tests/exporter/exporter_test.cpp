@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <zmq.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -213,6 +214,25 @@ scrape_configs:
     EXPECT_EQ(instances, (std::set<string>{b1.ep, b2.ep})) << read_text_file(t.path() + "/log");
 }
 
+// A failed probe says on its page what was wrong: a board that speaks no
+// ZeroMQ, and CURVE keys against a plaintext board (no key was refused).
+TEST(exporter, failed_probes_say_why) {
+    board b;
+    zmtp_fake not_zmq(zmtp_fake::no_zmtp, "ROUTER");
+    char pub[41], sec[41];
+    zmq_curve_keypair(pub, sec);
+    temp_dir t;
+    exporter e(R"({"curved": {"endpoint": ")" + b.ep + R"(", "server-key": ")" + pub +
+               R"(", "key": ")" + t.write("me.key", string(sec) + "\n") + R"("}})");
+    for (auto [target, line] :
+         {std::pair{string("curved"), "# handshake with " + b.ep +
+                                          " failed: security mismatch: the server does not use CURVE\n"},
+          {not_zmq.ep, "# no ZeroMQ handshake from " + not_zmq.ep + " within 1000 ms: not a vireo-monitor\n"}}) {
+        string text = e.probe(target, "2");
+        EXPECT_NE(text.find(line), string::npos) << text;
+    }
+}
+
 // Configurations the exporter refuses, with the reason on stderr (exit 78).
 TEST(exporter, refuses_bad_configurations) {
     temp_dir t;
@@ -222,7 +242,9 @@ TEST(exporter, refuses_bad_configurations) {
                 {R"({"server-key": "short"})", "cannot open key file short"},
                 {R"({"commands": {"meminfo": {"code": "zz", "id": "1"}}})", "hexadecimal"},
                 {R"({"processes": [{"name": "a"}]})", "needs either \"pid\" or \"pidfile\""},
-                {R"({"targets": {"a": {"server-key": ""}}})", "targets.a: needs an \"endpoint\""}};
+                {R"({"targets": {"a": {"server-key": ""}}})", "targets.a: needs an \"endpoint\""},
+                {R"({"targets": {"a": {"endpoint": "127.0.0.1:6600"}}})",
+                 "targets.a.endpoint \"127.0.0.1:6600\": target is neither tcp://HOST:PORT"}};
     for (auto& r : rows) {
         string cfg = t.write("c.json", r.json), err = t.path() + "/err";
         int st =

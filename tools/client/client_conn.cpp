@@ -91,24 +91,11 @@ std::string diagnose_connect(const std::string& endpoint, int wait_ms) {
     }
 }
 
-std::string hex(uint32_t v) {
-    char buf[16];
-    snprintf(buf, sizeof buf, "0x%x", v);
-    return buf;
-}
-
-// The reason for a handshake failed on a protocol error.
+// The reason for a handshake failed on a protocol error, with what to do
+// when the server uses CURVE and this client does not.
 std::string protocol_reason(uint32_t code, bool curve) {
-    switch (code) {
-        case ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH:
-            return curve ? "security mismatch: the server does not use CURVE"
-                         : "security mismatch: the server uses CURVE (give --server-key and --key)";
-        case ZMQ_PROTOCOL_ERROR_ZMTP_CRYPTOGRAPHIC:
-        case ZMQ_PROTOCOL_ERROR_ZMTP_KEY_EXCHANGE:
-            return "wrong server key";
-        default:
-            return "protocol error " + hex(code);
-    }
+    const bool needs_keys = code == ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH && !curve;
+    return conn_protocol_reason(code, curve) + (needs_keys ? " (give --server-key and --key)" : "");
 }
 
 int ms_left(std::chrono::steady_clock::time_point deadline) {

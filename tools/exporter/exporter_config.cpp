@@ -251,6 +251,12 @@ int load_exporter_config(const string& path, exporter_config& out, string& why) 
                        at);
             target_conf t = out.defaults;
             t.endpoint = v["endpoint"].asString();
+            // Refused here, not at every probe: "127.0.0.1:6600" would
+            // otherwise start and then fail each scrape.
+            string key, bad;
+            if (canonical_target(t.endpoint, key, bad) != 0) {
+                throw runtime_error(at + ".endpoint \"" + t.endpoint + "\": " + bad);
+            }
             read_target(v, t, at);
             out.targets[name] = t;
         }

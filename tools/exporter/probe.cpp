@@ -273,10 +273,12 @@ void probe_session::fail_refused(conn_verdict v) {
     } else if (v == conn_verdict::no_handshake) {
         fail(reason_handshake, "no ZeroMQ handshake from " + target.endpoint + " within " +
                                    std::to_string(handshake_ms) + " ms: not a vireo-monitor");
+    } else if (v == conn_verdict::protocol_error) {
+        fail(reason_refused, "handshake with " + target.endpoint + " failed: " +
+                                 conn_protocol_reason(watch.value, !target.keys.secret_key.empty()));
     } else {
-        fail(reason_refused, "handshake with " + target.endpoint +
-                                 " refused (key not accepted, wrong server key or security "
-                                 "mismatch)");
+        fail(reason_refused, "key not accepted by " + target.endpoint + " (status " +
+                                 std::to_string(watch.value) + ")");
     }
 }
 
