@@ -331,6 +331,9 @@ int main(int argc, char** argv) {
     // Prometheus scrapes a whole fleet from one address: that address may
     // use all but a sixteenth of the threads.
     limits.per_address = static_cast<size_t>(std::max(1, cfg.threads - cfg.threads / 16));
+    // ... and opens those scrapes' connections all at once: they are accepted
+    // together before any header is read, so as many may be pending from it.
+    limits.pending_per_address = std::max(limits.pending_per_address, limits.per_address);
     int rc = svr.run(limits);
     if (!svr.stopping) {
         pthread_kill(stopper.native_handle(), SIGTERM);
