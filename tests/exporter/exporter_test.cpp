@@ -4,6 +4,7 @@
 #include <json/json.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <zmq.h>
 #include <unistd.h>
@@ -57,6 +58,13 @@ long rss_kib(pid_t pid) {
     return at == string::npos ? -1 : std::stol(s.substr(at + 6));
 }
 
+size_t open_fds(pid_t pid) {
+    size_t n = 0;
+    for (auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
+        n += e.exists() ? 1 : 0;
+    return n;
+}
+
 // The value of the sample line that starts with "name " (labels included).
 double value(const string& text, const string& name) {
     size_t at = text.find("\n" + name + " ");
@@ -64,7 +72,8 @@ double value(const string& text, const string& name) {
 }
 
 // A daemon on a free port with the demo's system (0x10) and process (0x20)
-// groups, and 0x11 1 serving a pidfile that holds the daemon's pid.
+// groups, and 0x11 serving a pidfile that holds the daemon's pid (1), a
+// process list of several packets (2) and a crash list (3).
 struct board {
     temp_dir dir;
     int port = free_port();
@@ -75,7 +84,11 @@ struct board {
     }
     string pid = dir.write("pid.json",
                            R"({"cmd-list": [{"name": "d", "id": "1", "type": "file", "file": ")" +
-                               dir.path() + R"(/d.pid"}]})");
+                               dir.path() + R"(/d.pid"}, {"name": "ps", "id": "2", "type": "file",
+                               "read-all": true, "file": ")" +
+                               dir.path() + R"(/ps"},
+                               {"name": "crash", "id": "3", "type": "file", "file": ")" +
+                               VIREO_SOURCE_DIR "/tests/exporter/fixtures/crash_list\"}]}");
     daemon_process d{
         {"-c", dir.write("main.json", R"({"mode": "m", "server_ip": "127.0.0.1", "port": )" +
                                           std::to_string(port) + R"(, "sub-configs": [)" +
@@ -84,6 +97,18 @@ struct board {
                                           sub("pid", "0x11", pid) + "]}")}};
     board() {
         dir.write("d.pid", std::to_string(d.pid()) + "\n");
+        // The daemon, a child of the same name, two unrelated "twin"s and
+        // kernel threads enough for 3 packets, by pid.
+        std::map<uint32_t, string> ps = {
+            {d.pid(), "1\tvireo-monitor\tS\tvireo-monitor -c main.json"},
+            {4000001, std::to_string(d.pid()) + "\tvireo-monitor\tS\tvireo-monitor worker"},
+            {4000002, "1\ttwin\tS\ttwin"},
+            {4000003, "1\ttwin\tS\ttwin"}};
+        for (uint32_t i = 2; i < 1000; i++)
+            ps.emplace(i, "2\tkworker/" + std::to_string(i) + "\tI\t");
+        string text;
+        for (auto& [pid, rest] : ps) text += std::to_string(pid) + "\t" + rest + "\n";
+        dir.write("ps", text);
         EXPECT_TRUE(d.wait_ready(ep)) << d.stderr_text();
     }
 };
@@ -96,10 +121,12 @@ struct exporter {
     std::unique_ptr<child_process> c;
     explicit exporter(const string& targets = "{}", const string& extra = "",
                       std::vector<string> args = {}) {
-        args.insert(args.begin(), {VIREO_EXPORTER_BIN, "--listen",
-                                   "127.0.0.1:" + std::to_string(port), "-c",
-                                   dir.write("e.json", R"({"targets": )" + targets + extra + R"(, "processes": [
-        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304}]})")});
+        args.insert(args.begin(),
+                    {VIREO_EXPORTER_BIN, "--listen", "127.0.0.1:" + std::to_string(port), "-c",
+                     dir.write("e.json", R"({"targets": )" + targets + extra + R"(, "processes": [
+        {"name": "daemon", "pidfile": {"path": "d.pid", "code": "0x11", "id": "1"}}, {"name": "gone", "pid": 4194304},
+        {"name": "vireo-monitor"}, {"name": "web", "cmdline": "-c main.json"}, {"name": "twin"}, {"name": "sshd"}],
+        "commands": {"ps": {"code": "0x11", "id": "2"}, "crash": {"code": "0x11", "id": "3"}}})")});
         c.reset(new child_process(args, dir.path() + "/log"));
         EXPECT_NE(get(port, "/"), "") << read_text_file(dir.path() + "/log");
     }
@@ -113,8 +140,9 @@ TEST(exporter, promtool_accepts_and_values_match) {
     if (!have("promtool"))
         GTEST_SKIP() << "promtool missing (Debian package prometheus)";
     board b;
-    exporter e;
-    string text = e.probe(b.ep);
+    exporter e(R"({"plain": {"endpoint": ")" + b.ep +
+               R"(", "commands": {"crash": null, "ps": null}}})");
+    string text = e.probe(b.ep), plain = e.probe("plain");
     temp_dir t;
     string in = t.write("m.prom", text), out = t.path() + "/lint";
     int st = system(("promtool check metrics <" + in + " >" + out + " 2>&1").c_str());
@@ -128,6 +156,17 @@ TEST(exporter, promtool_accepts_and_values_match) {
     in = t.write("own.prom", get(e.port, "/metrics"));
     st = system(("promtool check metrics <" + in + " >" + out + " 2>&1").c_str());
     EXPECT_EQ(WEXITSTATUS(st), 0) << read_text_file(out);
+    // Its process_* figures are its own.
+    string own = read_text_file(in);
+    rlimit fds{};
+    getrlimit(RLIMIT_NOFILE, &fds);
+    EXPECT_EQ(value(own, "process_max_fds"), double(fds.rlim_cur)) << own;
+    EXPECT_NEAR(value(own, "process_open_fds"), double(open_fds(e.c->pid)), 8) << own;
+    EXPECT_NEAR(value(own, "process_resident_memory_bytes"), rss_kib(e.c->pid) * 1024.0, 8 << 20);
+    EXPECT_GT(value(own, "process_virtual_memory_bytes"),
+              value(own, "process_resident_memory_bytes"));
+    EXPECT_NEAR(value(own, "process_start_time_seconds"), double(time(nullptr)), 60) << own;
+    EXPECT_GE(value(own, "process_cpu_seconds_total"), 0);
     std::ifstream mi("/proc/meminfo");
     string key;
     double kb = 0;
@@ -139,12 +178,24 @@ TEST(exporter, promtool_accepts_and_values_match) {
         double want;
     } rows[] = {{"vireo_up", 1},
                 {"vireo_process_up{process=\"daemon\"}", 1},
-                {"vireo_process_up{process=\"gone\"}", 0},
+                {"vireo_process_up{process=\"gone\",reason=\"not_read\"}", 0},
+                {"vireo_process_pid{process=\"vireo-monitor\"}", double(b.d.pid())},
+                {"vireo_process_up{process=\"web\"}", 1},
+                {"vireo_process_pid{process=\"web\"}", double(b.d.pid())},
+                {"vireo_process_up{process=\"twin\",reason=\"several_matches\"}", 0},
+                {"vireo_process_up{process=\"sshd\",reason=\"no_match\"}", 0},
+                {"vireo_crash_reports", 3},
+                {"vireo_crash_newest_report_timestamp_seconds", 1795503000},
+                {"vireo_command_status{command=\"crash\"}", 0},
                 {"vireo_process_pid{process=\"daemon\"}", double(b.d.pid())},
                 {"vireo_process_state{process=\"daemon\",state=\"S\"}", 1},
                 {"vireo_command_status{command=\"stat\"}", 0}};
     for (auto& r : rows) EXPECT_EQ(value(text, r.sample), r.want) << r.sample << "\n" << text;
     EXPECT_GE(value(text, "vireo_process_threads{process=\"daemon\"}"), 7);
+    // Without a crash or process list command: no crash series, and why.
+    EXPECT_EQ(value(plain, "vireo_crash_reports"), -1) << plain;
+    EXPECT_EQ(value(plain, "vireo_process_up{process=\"twin\",reason=\"no_list\"}"), 0) << plain;
+    EXPECT_EQ(value(plain, "vireo_process_up{process=\"daemon\"}"), 1) << plain;
     EXPECT_GT(value(text, "vireo_cpu_seconds_total{cpu=\"0\",mode=\"idle\"}"), 0);
 }
 
@@ -241,7 +292,8 @@ TEST(exporter, refuses_bad_configurations) {
     } rows[] = {{R"({"server_key": "k"})", "unknown key \"server_key\""},
                 {R"({"server-key": "short"})", "cannot open key file short"},
                 {R"({"commands": {"meminfo": {"code": "zz", "id": "1"}}})", "hexadecimal"},
-                {R"({"processes": [{"name": "a"}]})", "needs either \"pid\" or \"pidfile\""},
+                {R"({"processes": [{"name": "a", "pid": 1, "cmdline": "a"}]})", "at most one of"},
+                {R"({"processes": [{"name": "a", "cmdline": ""}]})", "cmdline is not"},
                 {R"({"targets": {"a": {"server-key": ""}}})", "targets.a: needs an \"endpoint\""},
                 {R"({"targets": {"a": {"endpoint": "127.0.0.1:6600"}}})",
                  "targets.a.endpoint \"127.0.0.1:6600\": target is neither tcp://HOST:PORT"}};
@@ -287,8 +339,10 @@ TEST(exporter_attack, targets_checked_and_metrics_bounded) {
         EXPECT_EQ(body.find('\n'), body.size() - 1) << body;
     }
     for (int i = 0; i < 2000; i++)
-        EXPECT_EQ(fetch(e.port, "/probe?target=tcp://127.0.0.1:" + string(240, '0') +
-                                    std::to_string(i)).first, 400);
+        EXPECT_EQ(
+            fetch(e.port, "/probe?target=tcp://127.0.0.1:" + string(240, '0') + std::to_string(i))
+                .first,
+            400);
     EXPECT_EQ(value(e.probe(b.ep), "vireo_up"), 1);
     EXPECT_EQ(value(e.probe("tcp://LocalHost.:" + p), "vireo_up"), 1);
     string refused = "tcp://127.0.0.1:" + std::to_string(free_port());
@@ -307,13 +361,6 @@ TEST(exporter_attack, targets_checked_and_metrics_bounded) {
     EXPECT_EQ(body, "target " + b.ep + " is not allowed by --probe.allow\n");
 }
 
-size_t open_fds(pid_t pid) {
-    size_t n = 0;
-    for (auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
-        n += e.exists() ? 1 : 0;
-    return n;
-}
-
 // Hostile HTTP clients against 4 threads: absurd timeout headers are refused,
 // a huge one is clamped to the configured timeout, probes whose client left
 // end, and 100 connections stuck in their header hold no thread. After each,
@@ -323,8 +370,8 @@ TEST(exporter_attack, http_clients_cannot_hold_threads) {
     zmtp_fake silent(zmtp_fake::mute, "ROUTER");
     exporter e("{}", R"(, "threads": 4, "timeout": 1)");
     for (const char* h : {"inf", "nan", "1e300", "1e13", "1000000", "-1", "0", "5s"}) {
-        auto [status, body] = fetch(e.port, "/probe?target=" + b.ep,
-                                    {{"X-Prometheus-Scrape-Timeout-Seconds", h}});
+        auto [status, body] =
+            fetch(e.port, "/probe?target=" + b.ep, {{"X-Prometheus-Scrape-Timeout-Seconds", h}});
         EXPECT_EQ(status, 400) << h;
         EXPECT_NE(body.find("not a number of seconds"), string::npos) << h << ": " << body;
     }
@@ -359,7 +406,9 @@ TEST(exporter_attack, http_clients_cannot_hold_threads) {
     string own = get(slow.port, "/metrics");
     for (zmtp_fake* f : {&silent, &mute2})
         EXPECT_EQ(value(own, "vireo_exporter_probe_errors_total{target=\"" + f->ep +
-                                 "\",reason=\"timeout\"}"), 1) << own;
+                                 "\",reason=\"timeout\"}"),
+                  1)
+            << own;
 
     std::vector<int> stuck;
     for (int i = 0; i < 100; i++) {
@@ -380,16 +429,22 @@ TEST(exporter_attack, http_clients_cannot_hold_threads) {
     for (int fd : stuck) close(fd);
 }
 
-// A second exporter on a busy port says so and exits non-zero.
+// A second exporter on a busy port says so and exits non-zero, whichever
+// of the two listens on every interface (":PORT").
 TEST(exporter_attack, one_exporter_per_port) {
     exporter e;
     temp_dir t;
-    string err = t.path() + "/err";
-    int st = system((VIREO_EXPORTER_BIN " --listen 127.0.0.1:" + std::to_string(e.port) + " 2>" +
-                     err).c_str());
-    EXPECT_EQ(WEXITSTATUS(st), 1);
-    EXPECT_EQ(read_text_file(err), "vireo-exporter: cannot listen on 127.0.0.1:" +
-                                       std::to_string(e.port) + ": Address already in use\n");
+    int any = free_port();
+    child_process all({VIREO_EXPORTER_BIN, "--listen", ":" + std::to_string(any)}, t.path() + "/log");
+    EXPECT_NE(get(any, "/"), "") << read_text_file(t.path() + "/log");
+    for (string second : {"127.0.0.1:" + std::to_string(e.port), ":" + std::to_string(e.port),
+                          "127.0.0.1:" + std::to_string(any)}) {
+        string err = t.path() + "/err";
+        int st = system((VIREO_EXPORTER_BIN " --listen " + second + " 2>" + err).c_str());
+        EXPECT_EQ(WEXITSTATUS(st), 1);
+        EXPECT_EQ(read_text_file(err),
+                  "vireo-exporter: cannot listen on " + second + ": Address already in use\n");
+    }
 }
 
 // Hostile boards cost bounded memory: a 600 MB frame, a reply of more

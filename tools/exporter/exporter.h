@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "wire/conn_events.h"
@@ -21,16 +22,24 @@ struct cmd_ref {
 // The commands the exporter asks a board for. An unset entry is not asked.
 struct command_map {
     cmd_ref meminfo, loadavg, uptime, stat;
+    cmd_ref crash;                         // the crash plug-in's list: unset unless configured
     cmd_ref process_status, process_stat;  // "$pid" file commands
+    cmd_ref ps;  // the probe plug-in's process list, asked when a process is chosen by name
 };
 
-// A process to report: a fixed pid, or a pidfile on the board that a file
-// command serves.
+// How a process is found on the board at each probe.
+enum class select_by { pid, pidfile, name, cmdline };
+
+// A process to report: a fixed pid, a pidfile on the board that a file
+// command serves, or the board's process list searched for its name (the
+// default) or for a piece of its command line.
 struct process_conf {
-    std::string name;
+    std::string name;  // the process label; also what select_by::name looks for
+    select_by by = select_by::name;
     uint32_t pid = 0;
     cmd_ref pidfile;
     std::string pidfile_path;  // for messages only
+    std::string cmdline;       // select_by::cmdline: a substring of the command line
 };
 
 // CURVE keys as 40-character Z85 text; all empty for plaintext.
@@ -85,7 +94,8 @@ int parse_allow(const std::string& list, std::vector<allow_rule>& out, std::stri
 bool allowed(const std::vector<allow_rule>& rules, const std::string& key);
 
 // The built-in configuration: plaintext and the demo configuration's commands
-// (0x10: meminfo 1, loadavg 2, uptime 3, stat 4; 0x20: status 1, stat 2).
+// (0x10: meminfo 1, loadavg 2, uptime 3, stat 4; 0x20: status 1, stat 2;
+// 0x30: process list 0x10).
 exporter_config default_exporter_config();
 
 // Reads the exporter's JSON configuration over the built-in one. Returns 0,
@@ -109,6 +119,10 @@ public:
     void sample(const std::string& name, double value) { sample(name, {}, value); }
     std::string out;
 };
+
+// process_cpu_seconds_total, process_resident_memory_bytes and the other
+// process_* figures of the exporter itself.
+void render_self_process(metric_writer& w);
 
 // Label value escaping of the text format: backslash, double quote, newline.
 std::string escape_label(const std::string& v);
@@ -175,7 +189,26 @@ struct collector {
     cmd_ref command_map::*ref;
     render_fn render;
 };
-extern const collector system_collectors[4];
+// The collector of the crash plug-in's list: reports kept and the newest one's time.
+void render_crashes(const std::string& text, double user_hz, metric_writer& w);
+constexpr size_t n_system_collectors = 5;
+extern const collector system_collectors[n_system_collectors];
+
+// One line of the board's process list: PID, PPID, NAME, STATE, CMDLINE,
+// tab-separated.
+struct ps_entry {
+    uint32_t pid = 0, ppid = 0;
+    std::string_view name, cmdline;
+};
+// The lines of a process list that hold together; others are skipped.
+std::vector<ps_entry> parse_ps(std::string_view text);
+// Why a process has no figures; none when it was read.
+enum class proc_miss { none, no_match, several_matches, no_pid, no_list, not_read };
+const char* proc_miss_text(proc_miss m);
+// The pid of p in a process list: its one match, or the one match none of
+// whose ancestors match (a daemon and the workers or sessions it forked).
+// Returns 0 with miss set when there is none or more than one.
+uint32_t select_process(const process_conf& p, const std::vector<ps_entry>& list, proc_miss& miss);
 
 // One named process from its /proc/PID/status and /proc/PID/stat.
 struct process_sample {
@@ -184,6 +217,7 @@ struct process_sample {
     uint32_t pid = 0;
     double rss_bytes = 0, cpu_seconds = 0, threads = 0;
     std::string state;  // "R", "S", ...
+    proc_miss miss = proc_miss::not_read;
 };
 // /proc/PID/status: state, threads, VmRSS; false without a State line.
 bool parse_process_status(const std::string& status, process_sample& out);

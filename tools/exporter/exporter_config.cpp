@@ -66,6 +66,8 @@ void read_commands(const Json::Value& v, command_map& m, const string& where) {
                       {"loadavg", &command_map::loadavg},
                       {"uptime", &command_map::uptime},
                       {"stat", &command_map::stat},
+                      {"crash", &command_map::crash},
+                      {"ps", &command_map::ps},
                       {"process-status", &command_map::process_status},
                       {"process-stat", &command_map::process_stat}};
     for (const string& name : v.getMemberNames()) {
@@ -95,15 +97,24 @@ std::vector<process_conf> read_processes(const Json::Value& v, const string& whe
             throw runtime_error(at + ": needs a \"name\"");
         }
         p.name = e["name"].asString();
-        if (e.isMember("pid") == e.isMember("pidfile")) {
-            throw runtime_error(at + ": needs either \"pid\" or \"pidfile\"");
+        int selectors = e.isMember("pid") + e.isMember("pidfile") + e.isMember("cmdline");
+        if (selectors > 1) {
+            throw runtime_error(at + ": at most one of \"pid\", \"pidfile\" and \"cmdline\"");
         }
-        if (e.isMember("pid")) {
+        if (e.isMember("cmdline")) {
+            if (!e["cmdline"].isString() || e["cmdline"].asString().empty()) {
+                throw runtime_error(at + ".cmdline is not a non-empty text");
+            }
+            p.by = select_by::cmdline;
+            p.cmdline = e["cmdline"].asString();
+        } else if (e.isMember("pid")) {
+            p.by = select_by::pid;
             if (!e["pid"].isUInt() || e["pid"].asUInt() == 0) {
                 throw runtime_error(at + ".pid is not a process id");
             }
             p.pid = e["pid"].asUInt();
-        } else {
+        } else if (e.isMember("pidfile")) {
+            p.by = select_by::pidfile;
             p.pidfile = read_ref(e["pidfile"], at + ".pidfile");
             if (!p.pidfile.set) {
                 throw runtime_error(at + ".pidfile is not set");
@@ -185,6 +196,7 @@ exporter_config default_exporter_config() {
     m.stat = {true, 0x10, 4};
     m.process_status = {true, 0x20, 1};
     m.process_stat = {true, 0x20, 2};
+    m.ps = {true, 0x30, 0x10};
     return c;
 }
 

@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -238,12 +239,29 @@ int http_front::listen_on(const std::string& host, int port, std::string& why) {
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     addrinfo* res = nullptr;
     const std::string where = host + ":" + std::to_string(port);
-    if (int rc = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &res); rc != 0) {
+    // No address: every interface, IPv6 and IPv4 on one socket where the
+    // host has IPv6, else IPv4's.
+    hints.ai_family = host.empty() ? AF_INET6 : AF_UNSPEC;
+    const char* node = host.empty() ? "::" : host.c_str();
+    int rc = getaddrinfo(node, std::to_string(port).c_str(), &hints, &res);
+    int one = 1, zero = 0;
+    listen_fd =
+        rc != 0 ? -1 : socket(res->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (host.empty() && listen_fd < 0) {
+        if (rc == 0) {
+            freeaddrinfo(res);
+        }
+        hints.ai_family = AF_INET;
+        rc = getaddrinfo("0.0.0.0", std::to_string(port).c_str(), &hints, &res);
+        listen_fd = rc != 0 ? -1 : socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    }
+    if (rc != 0) {
         why = "cannot listen on " + where + ": " + gai_strerror(rc);
         return -1;
     }
-    int one = 1;
-    listen_fd = socket(res->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (listen_fd >= 0 && res->ai_family == AF_INET6 && host.empty()) {
+        setsockopt(listen_fd, IPPROTO_IPV6, IPV6_V6ONLY, &zero, sizeof zero);
+    }
     bool ok = listen_fd >= 0 &&
               setsockopt(listen_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0 &&
               bind(listen_fd, res->ai_addr, res->ai_addrlen) == 0 &&

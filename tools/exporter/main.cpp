@@ -27,9 +27,15 @@ constexpr int exit_usage = 64;
 constexpr int exit_config = 78;
 constexpr int exit_listen = 1;
 
+// Outside Prometheus' exporter range (9100-9999), which is fully allocated;
+// below Linux's ephemeral ports, so no outgoing connection holds it.
+#define DEFAULT_LISTEN ":16600"
+
 const char usage_text[] =
-    "usage: vireo-exporter --listen ADDR:PORT [-c FILE] [--probe.allow LIST]\n"
-    "  --listen ADDR:PORT  HTTP address to serve /probe and /metrics on\n"
+    "usage: vireo-exporter [--listen [ADDR]:PORT] [-c FILE] [--probe.allow LIST]\n"
+    "  --listen [ADDR]:PORT  HTTP address to serve /probe and /metrics on;\n"
+    "                      :PORT means every interface (default " DEFAULT_LISTEN
+    ")\n"
     "  --probe.allow LIST  tcp:// targets that may be probed: networks, addresses\n"
     "                      and host names, comma-separated (10.0.0.0/8,board.lan);\n"
     "                      without it, any tcp://HOST:PORT is\n"
@@ -103,6 +109,7 @@ std::string own_metrics() {
         }
     }
     metric_writer w;
+    render_self_process(w);
     w.family("vireo_exporter_build_info", "gauge", "Version of vireo-exporter, value 1.");
     w.sample("vireo_exporter_build_info", {{"version", VIREO_VERSION}}, 1);
     w.family("vireo_exporter_probes_total", "counter", "Probes of each target.");
@@ -200,7 +207,7 @@ void send_page(const httplib::Request& req, httplib::Response& res, const std::s
 
 bool split_listen(const std::string& text, std::string& host, int& port) {
     size_t colon = text.rfind(':');
-    if (colon == std::string::npos || colon == 0) {
+    if (colon == std::string::npos) {
         return false;
     }
     host = text.substr(0, colon);
@@ -260,7 +267,7 @@ void add_routes(http_front& svr, const exporter_config& cfg) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string listen, config_path, allow;
+    std::string listen = DEFAULT_LISTEN, config_path, allow;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if (a == "-h" || a == "--help") {
@@ -276,8 +283,7 @@ int main(int argc, char** argv) {
     std::string host;
     int port = 0;
     if (!split_listen(listen, host, port)) {
-        return usage_error(listen.empty() ? "--listen ADDR:PORT is required"
-                                          : "--listen takes ADDR:PORT, not \"" + listen + "\"");
+        return usage_error("--listen takes [ADDR]:PORT, not \"" + listen + "\"");
     }
     exporter_config cfg = default_exporter_config();
     std::string why;
@@ -325,6 +331,9 @@ int main(int argc, char** argv) {
     // Prometheus scrapes a whole fleet from one address: that address may
     // use all but a sixteenth of the threads.
     limits.per_address = static_cast<size_t>(std::max(1, cfg.threads - cfg.threads / 16));
+    // ... and opens those scrapes' connections all at once: they are accepted
+    // together before any header is read, so as many may be pending from it.
+    limits.pending_per_address = std::max(limits.pending_per_address, limits.per_address);
     int rc = svr.run(limits);
     if (!svr.stopping) {
         pthread_kill(stopper.native_handle(), SIGTERM);

@@ -30,13 +30,16 @@ namespace {
 using clock_type = std::chrono::steady_clock;
 
 // The files a probe asks for fit one packet; a board's plug-in might answer
-// in several, up to 128 KiB.
+// in several, up to 128 KiB. Lists (processes, crash reports) are up to
+// 1 MiB: 128 packets.
 constexpr size_t max_file_packets = 16;
+constexpr size_t max_list_packets = 128;
 constexpr int handshake_ms = 1000;
 
 struct request {
     uint32_t code = 0, id = 0;
     std::vector<uint8_t> payload;
+    size_t max_packets = max_file_packets;
     bool done = false;
     client_reply reply;
 };
@@ -50,7 +53,8 @@ public:
 
     int open();
     // Queues and sends one request; returns its index.
-    size_t send(const cmd_ref& ref, const std::vector<uint8_t>& payload);
+    size_t send(const cmd_ref& ref, const std::vector<uint8_t>& payload,
+                size_t max_packets = max_file_packets);
     // Waits for every sent request, or until the deadline or a failure.
     // Returns false with reason and why set on a failure.
     bool wait_all(const std::function<void(size_t)>& on_reply);
@@ -236,11 +240,13 @@ int probe_session::open_link() {
     return 0;
 }
 
-size_t probe_session::send(const cmd_ref& ref, const std::vector<uint8_t>& payload) {
+size_t probe_session::send(const cmd_ref& ref, const std::vector<uint8_t>& payload,
+                           size_t max_packets) {
     request r;
     r.code = ref.code;
     r.id = ref.id;
     r.payload = payload;
+    r.max_packets = max_packets;
     reqs.push_back(std::move(r));
     uint32_t tag = static_cast<uint32_t>(reqs.size() - 1);
     std::vector<uint8_t> frame = pack_request(ref.code, ref.id, payload);
@@ -292,14 +298,14 @@ int probe_session::read_reply() {
             zmq_msg_close(&msg);
             return -1;
         }
-        // The envelope's two parts and max_file_packets packets; the rest is
-        // dropped.
-        if (parts.size() < 2 + max_file_packets) {
+        // The envelope's two parts and at most max_list_packets packets; the
+        // rest is dropped. The request's own cap is checked below.
+        if (parts.size() < 2 + max_list_packets) {
             const uint8_t* d = static_cast<const uint8_t*>(zmq_msg_data(&msg));
             parts.emplace_back(d, d + zmq_msg_size(&msg));
         } else {
             fail(reason_malformed,
-                 "reply of more than " + std::to_string(max_file_packets) + " packets");
+                 "reply of more than " + std::to_string(max_list_packets) + " packets");
         }
         more = zmq_msg_more(&msg);
         zmq_msg_close(&msg);
@@ -315,6 +321,10 @@ int probe_session::read_reply() {
         return -1;
     }
     request& r = reqs[tag];
+    if (parts.size() - 2 > r.max_packets) {
+        fail(reason_malformed, "reply of more than " + std::to_string(r.max_packets) + " packets");
+        return -1;
+    }
     parts.erase(parts.begin(), parts.begin() + 2);
     std::string text;
     if (parse_reply(parts, r.code, r.id, r.reply, text) != 0) {
@@ -387,16 +397,18 @@ struct source {
     const collector& c;
     size_t idx = SIZE_MAX;
 };
+using source_list = source[n_system_collectors];
 
 // Per process: the indexes of its pidfile, status and stat requests.
 struct proc_reqs {
     size_t pidfile = SIZE_MAX, status = SIZE_MAX, stat = SIZE_MAX;
     uint32_t pid = 0;
+    proc_miss miss = proc_miss::not_read;  // until its files are read
 };
 
 // The families of a board that answered: each file's status, what its
 // collector reads from it, and the named processes.
-void render_board(const probe_session& s, const source (&sources)[4],
+void render_board(const probe_session& s, const source_list& sources,
                   const std::vector<proc_reqs>& procs, metric_writer& w) {
     const target_conf& t = s.target;
     w.family("vireo_command_status", "gauge",
@@ -418,10 +430,12 @@ void render_board(const probe_session& s, const source (&sources)[4],
         p.name = t.processes[i].name;
         p.pid = procs[i].pid;
         const proc_reqs& r = procs[i];
+        p.miss = r.miss;
         if (r.status != SIZE_MAX && s.reqs[r.status].done && s.reqs[r.stat].done &&
-            status_of(s.reqs[r.status]) == 0 && status_of(s.reqs[r.stat]) == 0) {
+            status_of(s.reqs[r.status]) == 0 && status_of(s.reqs[r.stat]) == 0 &&
             parse_process(s.reqs[r.status].reply.payload, s.reqs[r.stat].reply.payload, t.user_hz,
-                          p);
+                          p)) {
+            p.miss = proc_miss::none;
         }
         samples.push_back(p);
     }
@@ -458,42 +472,80 @@ const char* reason_text(probe_reason r) {
     }
 }
 
-void run_probe(const target_conf& t, double timeout_s, probe_result& out, int client_fd) {
-    const auto start = clock_type::now();
-    probe_session s(t, start + std::chrono::microseconds(static_cast<int64_t>(timeout_s * 1e6)));
-    s.client_fd = client_fd;
-    source sources[] = {{system_collectors[0]},
-                        {system_collectors[1]},
-                        {system_collectors[2]},
-                        {system_collectors[3]}};
-    std::vector<proc_reqs> procs(t.processes.size());
+namespace {
+
+// Sends every request of a probe and waits for the replies, asking each
+// process's files once its pid is known: at once, from its pidfile, or from
+// the board's process list.
+void ask_board(probe_session& s, source_list& sources, std::vector<proc_reqs>& procs) {
+    const target_conf& t = s.target;
     const bool per_process = t.cmds.process_status.set && t.cmds.process_stat.set;
     auto ask_process = [&](proc_reqs& p) {
         p.status = s.send(t.cmds.process_status, pid_payload(p.pid));
         p.stat = s.send(t.cmds.process_stat, pid_payload(p.pid));
     };
-    if (s.open() == 0) {
-        for (source& src : sources) {
-            if ((t.cmds.*src.c.ref).set) {
-                src.idx = s.send(t.cmds.*src.c.ref, {});
+    for (source& src : sources) {
+        if ((t.cmds.*src.c.ref).set) {
+            const bool list = src.c.ref == &command_map::crash;
+            src.idx = s.send(t.cmds.*src.c.ref, {}, list ? max_list_packets : max_file_packets);
+        }
+    }
+    size_t ps = SIZE_MAX;
+    for (size_t i = 0; per_process && i < procs.size(); i++) {
+        const process_conf& c = t.processes[i];
+        if (c.by == select_by::pid) {
+            procs[i].pid = c.pid;
+            ask_process(procs[i]);
+        } else if (c.by == select_by::pidfile) {
+            procs[i].pidfile = s.send(c.pidfile, {});
+        } else if (!t.cmds.ps.set) {
+            procs[i].miss = proc_miss::no_list;
+        } else if (ps == SIZE_MAX) {
+            ps = s.send(t.cmds.ps, {}, max_list_packets);
+        }
+    }
+    s.wait_all([&](size_t done) {
+        const bool ok = status_of(s.reqs[done]) == 0;
+        if (done == ps) {
+            std::vector<ps_entry> list = parse_ps(s.reqs[done].reply.payload);
+            for (size_t i = 0; i < procs.size(); i++) {
+                select_by by = t.processes[i].by;
+                if (by != select_by::name && by != select_by::cmdline) {
+                    continue;
+                }
+                procs[i].miss = proc_miss::no_list;
+                if (ok && (procs[i].pid = select_process(t.processes[i], list, procs[i].miss))) {
+                    procs[i].miss = proc_miss::not_read;
+                    ask_process(procs[i]);
+                }
             }
         }
-        for (size_t i = 0; per_process && i < procs.size(); i++) {
-            if (t.processes[i].pid != 0) {
-                procs[i].pid = t.processes[i].pid;
-                ask_process(procs[i]);
-            } else {
-                procs[i].pidfile = s.send(t.processes[i].pidfile, {});
-            }
-        }
-        s.wait_all([&](size_t done) {
-            for (proc_reqs& p : procs) {
-                if (p.pidfile == done && status_of(s.reqs[done]) == 0 &&
-                    (p.pid = parse_pidfile(s.reqs[done].reply.payload)) != 0) {
+        for (proc_reqs& p : procs) {
+            if (p.pidfile == done) {
+                p.miss = proc_miss::no_pid;
+                if (ok && (p.pid = parse_pidfile(s.reqs[done].reply.payload)) != 0) {
+                    p.miss = proc_miss::not_read;
                     ask_process(p);
                 }
             }
-        });
+        }
+    });
+}
+
+}  // namespace
+
+void run_probe(const target_conf& t, double timeout_s, probe_result& out, int client_fd) {
+    const auto start = clock_type::now();
+    probe_session s(t, start + std::chrono::microseconds(static_cast<int64_t>(timeout_s * 1e6)));
+    s.client_fd = client_fd;
+    source_list sources = {{system_collectors[0]},
+                           {system_collectors[1]},
+                           {system_collectors[2]},
+                           {system_collectors[3]},
+                           {system_collectors[4]}};
+    std::vector<proc_reqs> procs(t.processes.size());
+    if (s.open() == 0) {
+        ask_board(s, sources, procs);
     }
     // A board that answered but refused one of the system files.
     for (const source& src : sources) {

@@ -58,9 +58,15 @@ void render_processes(const std::vector<process_sample>& procs, metric_writer& w
     if (procs.empty()) {
         return;
     }
-    w.family("vireo_process_up", "gauge", "1 when the named process was found and read, else 0.");
+    w.family("vireo_process_up", "gauge",
+             "1 when the named process was found and read, else 0 with the reason.");
     for (const process_sample& p : procs) {
-        w.sample("vireo_process_up", {{"process", p.name}}, p.up ? 1 : 0);
+        if (p.up) {
+            w.sample("vireo_process_up", {{"process", p.name}}, 1);
+        } else {
+            w.sample("vireo_process_up", {{"process", p.name}, {"reason", proc_miss_text(p.miss)}},
+                     0);
+        }
     }
     struct fam {
         const char* name;
