@@ -36,7 +36,7 @@ const char profile_usage[] =
     "  --debuginfod URL the same, from this debuginfod server (or DEBUGINFOD_URLS)\n"
     "  --format F       folded (default), pprof (gzipped profile.proto, needs -o;\n"
     "                   samples raw, named here where debug files are found),\n"
-    "                   or speedscope (JSON, a timeline per thread)\n"
+    "                   or speedscope (JSON, a timeline per thread, needs -o)\n"
     "  --on-cpu         only samples of threads that were running or runnable (R)\n"
     "  --per-thread     the thread, \"NAME (TID)\", as the root frame of its stacks\n"
     "  -e ENDPOINT      daemon endpoint (default tcp://127.0.0.1:6600, or the -c one)\n"

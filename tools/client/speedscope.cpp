@@ -77,6 +77,8 @@ int write_speedscope(const profile_data& d, const std::string& title, const std:
     for (auto& e : profiles) list.append(std::move(e.second));
     Json::StreamWriterBuilder w;
     w["indentation"] = "";
+    w["precisionType"] = "decimal";  // microseconds are enough
+    w["precision"] = 3;
     std::ofstream out(path);
     std::unique_ptr<Json::StreamWriter>(w.newStreamWriter())->write(root, &out);
     out << '\n';
