@@ -731,8 +731,8 @@ std::string sample_head(const walker& w, const walker_request& req, pid_t tid, i
     return head;
 }
 
-void print_sample(walker& w, std::string line, const std::vector<frame>& frames, bool cut,
-                  bool raw, text_out& out) {
+void print_sample(walker& w, std::string line, const std::vector<frame>& frames, bool cut, bool raw,
+                  text_out& out) {
     // The outermost frame kept is not the stack's root: a profile must not
     // count the stack under it.
     if (cut)

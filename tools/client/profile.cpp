@@ -2,6 +2,8 @@
 // plug-in's sample command at a fixed rate and writes them as folded stacks,
 // "frame;frame;...;leaf COUNT" root first, the input of flame-graph tools
 // and speedscope; or as pprof or speedscope files.
+#include "profile.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,7 +15,6 @@
 #include <thread>
 
 #include "client_cli.h"
-#include "profile.h"
 #include "wire/probe_codes.h"
 #ifdef VIREO_HAVE_SYMBOLIZE
 #include "symbolize.h"
@@ -72,7 +73,7 @@ struct samples {
     profile_data d;
     std::map<std::string, int32_t> stack_ids;  // index into d.stacks
     long requests = 0, stacks = 0, errors = 0;
-    int32_t last_error = 0;  // the daemon's last error status, 0 for none
+    int32_t last_error = 0;             // the daemon's last error status, 0 for none
     std::vector<std::string> contexts;  // each distinct markup context the board sent
 };
 
@@ -234,7 +235,7 @@ bool add_reply(const std::string& text, const profile_options& o, samples& s) {
         if (it == s.contexts.end())
             s.contexts.push_back(text.substr(0, at));
     }
-    const uint32_t request = static_cast<uint32_t>(s.d.times.size() - 1);
+    const uint32_t request = static_cast<uint32_t>(s.d.times.size()) - 1;
     sample_line l;
     for (size_t end; at < text.size(); at = end + 1) {
         end = std::min(text.find('\n', at), text.size());
@@ -252,8 +253,10 @@ bool add_reply(const std::string& text, const profile_options& o, samples& s) {
                 s.d.stacks.push_back(it.first->first);
             id = it.first->second;
             s.stacks++;
+            s.d.counts[{tid, id}]++;
         }
-        s.d.events.push_back(profile_event{request, tid, id});
+        if (o.speedscope)
+            s.d.events.push_back(profile_event{request, tid, id});
     }
     return true;
 }
@@ -263,12 +266,14 @@ int take_sample(client_conn& conn, const profile_options& o, const std::vector<u
                 samples& s, bool progress) {
     client_reply r;
     std::string why;
-    s.d.times.push_back(s.d.end);
+    if (o.speedscope)
+        s.d.times.push_back(s.d.end);
     int rc = conn.request(o.code, o.sub, payload, r, why);
     s.requests++;
     if (stop_signal != 0)
         return client_exit::ok;
-    if (rc == client_malformed || (rc == 0 && r.header().msg_len >= 0 && !add_reply(r.payload, o, s))) {
+    if (rc == client_malformed ||
+        (rc == 0 && r.header().msg_len >= 0 && !add_reply(r.payload, o, s))) {
         fprintf(stderr, "%svireo-client: malformed reply from %s: %s\n", progress ? "\n" : "",
                 o.endpoint.c_str(), rc != 0 ? why.c_str() : "not a stack sample");
         return client_exit::malformed;
@@ -337,9 +342,9 @@ int sample_loop(client_conn& conn, const profile_options& o, samples& s) {
 // thread's root frame.
 std::map<std::string, long> fold_counts(const profile_options& o, const profile_data& d) {
     std::map<std::string, long> counts;
-    for (const profile_event& e : d.events) {
-        if (e.stack >= 0)
-            counts[(o.per_thread ? thread_root(d, e.tid) + ";" : "") + d.stacks[e.stack]]++;
+    for (const auto& e : d.counts) {
+        const std::string& stack = d.stacks[static_cast<size_t>(e.first.second)];
+        counts[(o.per_thread ? thread_root(d, e.first.first) + ";" : "") + stack] += e.second;
     }
     return counts;
 }
@@ -430,13 +435,9 @@ int name_samples(const profile_options& o, samples& s) {
     p.period_ns = static_cast<int64_t>(1e9 / o.rate);
     p.duration_ns = static_cast<int64_t>(s.d.end * 1e9);
     p.time_ns = static_cast<int64_t>(time(nullptr) - static_cast<time_t>(s.d.end)) * 1000000000;
-    std::map<std::pair<std::string, int32_t>, long> by_thread;
-    for (const profile_event& e : s.d.events) {
-        if (e.stack >= 0)
-            by_thread[{s.d.names[e.tid], e.stack}]++;
-    }
-    for (const auto& e : by_thread)
-        p.samples.push_back(pprof_sample{e.first.first, leaf_first[e.first.second], e.second});
+    for (const auto& e : s.d.counts)
+        p.samples.push_back(
+            pprof_sample{s.d.names[e.first.first], leaf_first[e.first.second], e.second});
     std::string why;
     if (write_pprof(p, &namer, o.out_path, why) != 0) {
         fprintf(stderr, "vireo-client: %s\n", why.c_str());
@@ -486,7 +487,8 @@ int run_profile(int argc, char** argv) {
             return nrc;
     }
     int wrc = client_exit::ok;
-    if (o.speedscope && write_speedscope(s.d, "pid " + std::to_string(o.pid), o.out_path, why) != 0) {
+    if (o.speedscope &&
+        write_speedscope(s.d, "pid " + std::to_string(o.pid), o.out_path, why) != 0) {
         fprintf(stderr, "vireo-client: %s\n", why.c_str());
         wrc = client_exit::output;
     } else if (!o.pprof && !o.speedscope) {

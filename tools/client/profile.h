@@ -16,10 +16,14 @@ struct profile_event {
 };
 
 struct profile_data {
-    std::vector<std::string> stacks;    // folded, root first ("a;b;leaf")
-    std::vector<profile_event> events;  // in the order they came
-    std::vector<double> times;          // each request's start, seconds from the first
-    double end = 0;                     // seconds from the first request to the end
+    std::vector<std::string> stacks;  // folded, root first ("a;b;leaf")
+    // Samples counted by thread and stack (left-out ones not).
+    std::map<std::pair<pid_t, int32_t>, long> counts;
+    // Every sample in the order it came, and each request's start in seconds
+    // from the first: kept only for a timeline, which needs them all.
+    std::vector<profile_event> events;
+    std::vector<double> times;
+    double end = 0;                      // seconds from the first request to the end
     std::map<pid_t, std::string> names;  // each thread's name, as last seen
 };
 
