@@ -77,15 +77,6 @@ struct samples {
     std::vector<std::string> contexts;  // each distinct markup context the board sent
 };
 
-std::vector<std::string> split(const std::string& text, char sep) {
-    std::vector<std::string> out;
-    size_t at = 0;
-    for (size_t end; (end = text.find(sep, at)) != std::string::npos; at = end + 1)
-        out.push_back(text.substr(at, end - at));
-    out.push_back(text.substr(at));
-    return out;
-}
-
 bool number(const std::string& text, double lo, double hi, double& out) {
     char* end = nullptr;
     double v = strtod(text.c_str(), &end);
@@ -369,6 +360,15 @@ int write_folded(const std::map<std::string, long>& counts, const std::string& p
 }
 
 #ifdef VIREO_HAVE_SYMBOLIZE
+std::vector<std::string> split(const std::string& text, char sep) {
+    std::vector<std::string> out;
+    size_t at = 0;
+    for (size_t end; (end = text.find(sep, at)) != std::string::npos; at = end + 1)
+        out.push_back(text.substr(at, end - at));
+    out.push_back(text.substr(at));
+    return out;
+}
+
 markup_context parse_context(const std::string& text) {
     markup_context ctx;
     for (const std::string& line : split(text, '\n')) {
