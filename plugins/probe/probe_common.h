@@ -28,6 +28,8 @@ struct probe_args {
 // Stacks and samples as raw addresses with the modules' build-ids
 // (symbolizer markup), for naming on another machine; no symbol lookups.
 constexpr uint32_t probe_flag_raw = 1;
+// Sample lines with each thread's state letter (R, S, D, ...).
+constexpr uint32_t probe_flag_state = 2;
 
 // Reads the arguments of c's request. Returns 0, or -22 (EINVAL) when the
 // payload is shorter than 4 bytes, longer than a request may be, names pid

@@ -349,7 +349,7 @@ int take_turn(pid_t target, const walker_request& req, steady::time_point deadli
         s.idle = walker_proc{};
         return turn_ours;
     }
-    if (s.req.op != req.op || s.req.tid != req.tid)
+    if (s.req.op != req.op || s.req.tid != req.tid || s.req.flags != req.flags)
         return -EBUSY;
     uint64_t seen = s.walks;
     s.waiters++;
@@ -450,7 +450,9 @@ int walk(comm_data* c, walker_op op, std::string& text) {
     // its place, so that the other threads' stacks still come back.
     if (args.flags & probe_flag_raw)
         op = op == walker_stack ? walker_stack_raw : walker_sample_raw;
-    walker_request req{op, args.tid, static_cast<int32_t>(std::clamp(left_ms / 2, 1L, 1000L))};
+    walker_request req{
+        op, args.tid, static_cast<int32_t>(std::clamp(left_ms / 2, 1L, 1000L)),
+        walker_op_sample(op) && (args.flags & probe_flag_state) ? walker_flag_state : 0u};
     walker_proc p;
     std::shared_ptr<const std::string> shared;
     int shared_rc = 0;

@@ -720,10 +720,19 @@ void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, bool cu
         out.line(walker_cut_line);
 }
 
-void print_sample(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut, int64_t held_us,
-                  bool raw, text_out& out) {
-    std::string line = std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) + "\t" +
+// A sample line's fields before the frames: "TID\tNAME\tHELD_US\t", with
+// the state letter after the held time when the request asks for it.
+std::string sample_head(const walker& w, const walker_request& req, pid_t tid, int64_t held_us,
+                        char state) {
+    std::string head = std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) + "\t" +
                        std::to_string(held_us) + "\t";
+    if (req.flags & walker_flag_state)
+        head += std::string(1, state != 0 ? state : '?') + "\t";
+    return head;
+}
+
+void print_sample(walker& w, std::string line, const std::vector<frame>& frames, bool cut, bool raw,
+                  text_out& out) {
     // The outermost frame kept is not the stack's root: a profile must not
     // count the stack under it.
     if (cut)
@@ -775,13 +784,12 @@ bool traced_by_other(pid_t pid) {
 // A thread not worth seizing: in an uninterruptible sleep it may never
 // stop (and ptrace cannot let go of a thread that has not stopped), and an
 // exited leader never stops. Its line stands in its place; true when so.
-bool skip_thread(walker& w, const walker_request& req, pid_t tid, counts& n, text_out& out) {
-    char state = thread_state(w.pid, tid);
+bool skip_thread(walker& w, const walker_request& req, pid_t tid, char state, counts& n,
+                 text_out& out) {
     if (state == 'D') {
         n.walked++;
         if (walker_op_sample(req.op)) {
-            out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
-                     "\t0\t[uninterruptible]");
+            out.line(sample_head(w, req, tid, 0, state) + "[uninterruptible]");
         } else {
             out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str());
             out.line("    (not stopped: D state)");
@@ -816,7 +824,9 @@ int handle(walker& w, const walker_request& req, text_out& out) {
         int64_t held_us = 0;
         std::string why;
         bool cut = false;
-        if (skip_thread(w, req, tid, n, out))
+        // The state as the thread ran, before the walk stops it.
+        const char state = thread_state(w.pid, tid);
+        if (skip_thread(w, req, tid, state, n, out))
             continue;
         rc = walk_thread(w, tid, req.stop_ms, frames, cut, held_us, why);
         note(n, rc, frames.size());
@@ -824,16 +834,15 @@ int handle(walker& w, const walker_request& req, text_out& out) {
             note_strays(w, frames);
         if (rc == -EAGAIN) {
             n.walked++;
-            char state = thread_state(w.pid, tid);
-            why = std::string("not stopped: ") + (state != 0 ? state : '?') + " state";
+            char now = thread_state(w.pid, tid);
+            why = std::string("not stopped: ") + (now != 0 ? now : '?') + " state";
         }
         if (!sample) {
             print_stack(w, tid, frames, cut, why, raw, out);
         } else if (rc == 0) {
-            print_sample(w, tid, frames, cut, held_us, raw, out);
+            print_sample(w, sample_head(w, req, tid, held_us, state), frames, cut, raw, out);
         } else if (rc == -EAGAIN) {
-            out.line(std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) +
-                     "\t0\t[not stopped]");
+            out.line(sample_head(w, req, tid, 0, state) + "[not stopped]");
         }
         if (out.truncated)
             break;

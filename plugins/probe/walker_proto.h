@@ -54,7 +54,13 @@ struct walker_request {
     // Milliseconds a thread may take to stop before it is reported as not
     // stopped and the walk goes on with the next one (at least 1).
     int32_t stop_ms;
+    uint32_t flags = 0;  // walker_flag_*
 };
+
+// Sample lines carry the thread's state letter, as /proc read it just
+// before the thread was stopped, as a field between the held time and the
+// frames: "TID\tNAME\tHELD_US\tSTATE\tFRAMES".
+constexpr uint32_t walker_flag_state = 1;
 
 // A walk deeper than this many frames is cut: the text reply ends the
 // thread's frames with walker_cut_line, a folded stack starts with

@@ -6,6 +6,7 @@
 //          "alive\n" and exits 0, or "broken\n" and exits 1 when the read
 //          failed (an interrupted call a probe should have restarted).
 //   "hot": writes "ready\n" and spins in vireo_helper_hot forever.
+//   "busy": two threads in pause() as above, then as "hot".
 //   "exit US": three threads, then the process exits after US microseconds.
 //   "vfork": three threads as above, then the main thread blocks in vfork
 //          (uninterruptible) while the child writes "ready\n" and pauses.
@@ -38,7 +39,7 @@ __attribute__((noinline)) void vireo_helper_hot() { for (volatile unsigned long 
 
 int main(int argc, char** argv) {
     std::string mode = argc > 1 ? argv[1] : "threads";
-    int threads = mode == "threads" && argc > 2 ? atoi(argv[2]) : 4;
+    int threads = mode == "threads" && argc > 2 ? atoi(argv[2]) : mode == "busy" ? 3 : 4;
     long depth = argc > 3 ? atol(argv[3]) : 0;
     if (mode == "hot") write(1, "ready\n", 6), vireo_helper_hot();
     for (int i = 0; i < threads - 1; i++) {
@@ -46,6 +47,7 @@ int main(int argc, char** argv) {
         pthread_create(&t, nullptr, vireo_helper_deep, reinterpret_cast<void*>(depth));
         pthread_setname_np(t, ("vh-worker-" + std::to_string(i)).c_str());
     }
+    if (mode == "busy") write(1, "ready\n", 6), vireo_helper_hot();
     if (mode == "vfork" && vfork() == 0) {
         syscall(SYS_write, 1, "ready\n", 6);
         for (;;) syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);  // pause(), which arm64 lacks as a call

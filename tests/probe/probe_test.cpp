@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <json/json.h>
 #include <zmq.h>
 
 #include <atomic>
@@ -178,6 +179,9 @@ TEST(probe, threads_errors_and_stacks) {
     EXPECT_EQ(raw.find("vireo_helper"), string::npos) << raw;
     string sample = flagged(SAMPLE, 1);
     EXPECT_TRUE(std::regex_search(sample, std::regex("\n" + std::to_string(helper.pid) + "\tvireo_probe_hel\t[0-9]+\t(0x[0-9a-f]+;){4,}0x[0-9a-f]+\n$"))) << sample;
+    // Bit 1: the thread's state before the frames, named or raw.
+    for (string state : {flagged(SAMPLE, 2), flagged(SAMPLE, 3)})
+        EXPECT_TRUE(std::regex_search(state, std::regex("(^|\n)" + std::to_string(helper.pid) + "\tvireo_probe_hel\t[0-9]+\tS\t([^\t\n]*;vireo_helper_inner;[^\t\n]*|(0x[0-9a-f]+;){4,}0x[0-9a-f]+)\n$"))) << state;
     string bad[2];
     auto walk = [&](int k) {  // a walk while the other kind runs is answered busy
         for (int i = 0; i < 10; i++)
@@ -454,6 +458,40 @@ TEST(probe, profile_finds_the_hot_function) {
         all += n, hot += line.find(";vireo_helper_hot ") != string::npos ? n : 0;
     }
     EXPECT_TRUE(all >= 10 && hot * 2 > all) << hot << " of " << all << ":\n" << folded;
+}
+
+// One busy thread and two in pause(): --on-cpu keeps the busy one, named as
+// the root under --per-thread; speedscope gets a profile per thread; the
+// achieved rate is told on stderr.
+TEST(probe, on_cpu_profile_per_thread) {
+    probe_daemon d("{}");
+    helper_process h({"busy"});
+    ASSERT_EQ(h.read_line(), "ready");
+    const string base = string(VIREO_CLIENT) + " profile -e " + d.ep + " --pid " + std::to_string(h.pid) + " --duration 1 --rate 50 --on-cpu -o " + d.dir.path();
+    int rc = WEXITSTATUS(system((base + "/folded --per-thread 2>" + d.dir.path() + "/err").c_str()));
+    string folded = read_text_file(d.dir.path() + "/folded"), err = read_text_file(d.dir.path() + "/err");
+    if (rc == 1 && folded.empty()) GTEST_SKIP() << no_ptrace;
+    ASSERT_EQ(rc, 0) << err;
+    EXPECT_TRUE(std::regex_match(err, std::regex("vireo-client: profile: [0-9]+\\.[0-9] samples/s of 50 asked \\([0-9]+ in [0-9]+\\.[0-9] s\\)\n"))) << err;
+    long hot = 0, all = 0;
+    std::istringstream in(folded);
+    for (string line; getline(in, line);) {
+        long n = std::stol(line.substr(line.rfind(' ') + 1));
+        all += n, hot += line.find(";vireo_helper_hot ") != string::npos ? n : 0;
+        EXPECT_EQ(line.rfind("vireo_probe_hel (" + std::to_string(h.pid) + ");", 0), 0u) << line;
+    }
+    EXPECT_TRUE(all >= 10 && hot * 10 > all * 9) << hot << " of " << all << ":\n" << folded;
+    ASSERT_EQ(WEXITSTATUS(system((base + "/ss.json --format speedscope 2>/dev/null").c_str())), 0);
+    Json::Value ss;
+    std::istringstream json(read_text_file(d.dir.path() + "/ss.json"));
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), json, &ss, nullptr));
+    const Json::Value& frames = ss["shared"]["frames"];
+    long named = 0;
+    for (const Json::Value& f : frames) named += f["name"].asString() == "vireo_helper_hot";
+    EXPECT_EQ(named, 1) << frames;
+    ASSERT_EQ(ss["profiles"].size(), 3u) << ss;
+    for (const Json::Value& p : ss["profiles"])
+        EXPECT_TRUE(p["type"] == "sampled" && p["samples"].size() > 0 && p["samples"].size() == p["weights"].size() && p["endValue"].asDouble() > p["startValue"].asDouble()) << p;
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // vireo-client profile: samples a process's stacks through the probe
 // plug-in's sample command at a fixed rate and writes them as folded stacks,
 // "frame;frame;...;leaf COUNT" root first, the input of flame-graph tools
-// and speedscope.
+// and speedscope; or as pprof or speedscope files.
+#include "profile.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,6 +26,7 @@ const char profile_usage[] =
     "usage: vireo-client profile --pid P [--tid T] [--duration S] [--rate HZ] [-o FILE]\n"
     "                            [-e tcp://HOST:PORT] [-c MAIN.json] [-t TIMEOUT_MS]\n"
     "                            [--command CODE SUB] [--server-key FILE_OR_Z85 --key FILE]\n"
+    "                            [--on-cpu] [--per-thread] [--format F]\n"
     "  --pid P          the process to sample\n"
     "  --tid T          only this thread of it (default: every thread)\n"
     "  --duration S     seconds to sample (default 10)\n"
@@ -32,8 +35,11 @@ const char profile_usage[] =
     "  --debug-dir DIR  sample raw and name the frames here from debug files under DIR\n"
     "                   (repeatable; a build-id tree or a sysroot)\n"
     "  --debuginfod URL the same, from this debuginfod server (or DEBUGINFOD_URLS)\n"
-    "  --format F       folded (default) or pprof (gzipped profile.proto, needs -o;\n"
-    "                   samples raw, named here where debug files are found)\n"
+    "  --format F       folded (default), pprof (gzipped profile.proto, needs -o;\n"
+    "                   samples raw, named here where debug files are found),\n"
+    "                   or speedscope (JSON, a timeline per thread, needs -o)\n"
+    "  --on-cpu         only samples of threads that were running or runnable (R)\n"
+    "  --per-thread     the thread, \"NAME (TID)\", as the root frame of its stacks\n"
     "  -e ENDPOINT      daemon endpoint (default tcp://127.0.0.1:6600, or the -c one)\n"
     "  -c MAIN.json     the daemon's configuration: endpoint and the probe_sample command\n"
     "  -t TIMEOUT_MS    wait this long for each sample (default 3000)\n"
@@ -55,20 +61,20 @@ struct profile_options {
     uint32_t code = 0x30, sub = 4;
     bool command_given = false;
     std::vector<std::string> debug_dirs, debuginfod_urls;
-    bool pprof = false;
+    bool pprof = false, speedscope = false, on_cpu = false, per_thread = false;
     // Samples asked raw and named here.
     bool raw() const { return pprof || !debug_dirs.empty() || !debuginfod_urls.empty(); }
 };
 
 // What sampling has collected.
 struct samples {
-    std::map<std::string, long> counts;  // by folded stack
+    // Raw samples keep "CTX\t0xROOT;...;0xLEAF" as the stack until they are
+    // named, CTX an index into contexts.
+    profile_data d;
+    std::map<std::string, int32_t> stack_ids;  // index into d.stacks
     long requests = 0, stacks = 0, errors = 0;
-    int32_t last_error = 0;  // the daemon's last error status, 0 for none
-    // Raw samples: each distinct markup context the board sent, and the
-    // counts by context index, thread name and address stack (root first).
-    std::vector<std::string> contexts;
-    std::map<std::string, long> raw_counts;
+    int32_t last_error = 0;             // the daemon's last error status, 0 for none
+    std::vector<std::string> contexts;  // each distinct markup context the board sent
 };
 
 bool number(const std::string& text, double lo, double hi, double& out) {
@@ -108,7 +114,10 @@ bool set_option(const std::string& a, const std::string& v, const std::string& s
         (a == "--debug-dir" ? o.debug_dirs : o.debuginfod_urls).push_back(v);
     } else if (a == "--format") {
         o.pprof = v == "pprof";
-        why = v == "pprof" || v == "folded" ? "" : "--format is folded or pprof, not \"" + v + "\"";
+        o.speedscope = v == "speedscope";
+        why = o.pprof || o.speedscope || v == "folded"
+                  ? ""
+                  : "--format is folded, pprof or speedscope, not \"" + v + "\"";
     } else if (a == "-o" || a == "-e" || a == "-c") {
         (a == "-o" ? o.out_path : a == "-e" ? o.endpoint : o.config_path) = v;
     } else if (a == "--server-key" || a == "--key") {
@@ -130,6 +139,10 @@ int parse(int argc, char** argv, profile_options& o, std::string& why) {
         const std::string a = global ? g->name : typed;
         if (a == "-h" || a == "--help")
             return 1;
+        if (a == "--on-cpu" || a == "--per-thread") {
+            (a == "--on-cpu" ? o.on_cpu : o.per_thread) = true;
+            continue;
+        }
         const bool known = global || a == "--pid" || a == "--tid" || a == "--duration" ||
                            a == "--rate" || a == "-o" || a == "--command" || a == "--debug-dir" ||
                            a == "--debuginfod" || a == "--format";
@@ -147,8 +160,8 @@ int parse(int argc, char** argv, profile_options& o, std::string& why) {
         why = "profile needs --pid";
         return -1;
     }
-    if (o.pprof && o.out_path.empty()) {
-        why = "--format pprof needs -o FILE";
+    if ((o.pprof || o.speedscope) && o.out_path.empty()) {
+        why = std::string("--format ") + (o.pprof ? "pprof" : "speedscope") + " needs -o FILE";
         return -1;
     }
     return 0;
@@ -199,37 +212,43 @@ int load_keys(const profile_options& o, client_keys& keys) {
     return client_exit::ok;
 }
 
-// A raw sample reply: its markup context (kept once in s.contexts), then
-// lines as add_sample reads them, but counted by context, thread name and
-// addresses ("CTX\tNAME\t0xROOT;...;0xLEAF"). False when a line does not
-// have that shape.
-bool add_raw_sample(const std::string& text, samples& s) {
+// One sample reply: each thread's line as an event of the last request,
+// its stack interned (a raw reply's markup context first, kept once in
+// s.contexts). False when a line does not have the shape asked for.
+bool add_reply(const std::string& text, const profile_options& o, samples& s) {
     size_t at = 0;
-    while (text.compare(at, 3, "{{{") == 0 && text.find('\n', at) != std::string::npos)
-        at = text.find('\n', at) + 1;
-    const std::string ctx = text.substr(0, at);
-    size_t i = std::find(s.contexts.begin(), s.contexts.end(), ctx) - s.contexts.begin();
-    if (i == s.contexts.size())
-        s.contexts.push_back(ctx);
-    std::map<std::string, long> got;
-    long n = 0;
-    std::string lines;
+    std::string ctx;
+    if (o.raw()) {
+        while (text.compare(at, 3, "{{{") == 0 && text.find('\n', at) != std::string::npos)
+            at = text.find('\n', at) + 1;
+        auto it = std::find(s.contexts.begin(), s.contexts.end(), text.substr(0, at));
+        ctx = std::to_string(it - s.contexts.begin()) + "\t";
+        if (it == s.contexts.end())
+            s.contexts.push_back(text.substr(0, at));
+    }
+    const uint32_t request = static_cast<uint32_t>(s.d.times.size()) - 1;
+    sample_line l;
     for (size_t end; at < text.size(); at = end + 1) {
         end = std::min(text.find('\n', at), text.size());
-        std::string line = text.substr(at, end - at);
-        size_t name_at = line.find('\t') + 1, held_at = line.find('\t', name_at);
-        size_t stack_at = held_at != std::string::npos ? line.find('\t', held_at + 1) : held_at;
-        if (name_at == 0 || stack_at == std::string::npos || stack_at + 1 == line.size()) {
-            lines += line + "\n";  // add_sample judges it as it is
+        int rc = read_sample_line(text.substr(at, end - at), o.on_cpu, l);
+        if (rc <= 0)
+            return rc == 0;
+        const pid_t tid = static_cast<pid_t>(atol(l.tid.c_str()));
+        if (l.stack.empty())
             continue;
+        s.d.names[tid] = l.name;
+        int32_t id = -1;
+        if (!o.on_cpu || l.state == "R") {
+            auto it = s.stack_ids.emplace(ctx + l.stack, static_cast<int32_t>(s.d.stacks.size()));
+            if (it.second)
+                s.d.stacks.push_back(it.first->first);
+            id = it.first->second;
+            s.stacks++;
+            s.d.counts[{tid, id}]++;
         }
-        lines += line.substr(0, stack_at + 1) + std::to_string(i) + "\t" +
-                 line.substr(name_at, held_at - name_at) + "\t" + line.substr(stack_at + 1) + "\n";
+        if (o.speedscope)
+            s.d.events.push_back(profile_event{request, tid, id});
     }
-    if (!add_sample(lines, got, n))
-        return false;
-    for (const auto& e : got) s.raw_counts[e.first] += e.second;
-    s.stacks += n;
     return true;
 }
 
@@ -238,13 +257,14 @@ int take_sample(client_conn& conn, const profile_options& o, const std::vector<u
                 samples& s, bool progress) {
     client_reply r;
     std::string why;
+    if (o.speedscope)
+        s.d.times.push_back(s.d.end);
     int rc = conn.request(o.code, o.sub, payload, r, why);
     s.requests++;
     if (stop_signal != 0)
         return client_exit::ok;
     if (rc == client_malformed ||
-        (rc == 0 && r.header().msg_len >= 0 &&
-         !(o.raw() ? add_raw_sample(r.payload, s) : add_sample(r.payload, s.counts, s.stacks)))) {
+        (rc == 0 && r.header().msg_len >= 0 && !add_reply(r.payload, o, s))) {
         fprintf(stderr, "%svireo-client: malformed reply from %s: %s\n", progress ? "\n" : "",
                 o.endpoint.c_str(), rc != 0 ? why.c_str() : "not a stack sample");
         return client_exit::malformed;
@@ -265,10 +285,10 @@ int take_sample(client_conn& conn, const profile_options& o, const std::vector<u
 // Samples at o.rate until o.duration has passed, a signal comes or a request
 // fails; the exit status so far.
 int sample_loop(client_conn& conn, const profile_options& o, samples& s) {
-    std::vector<uint8_t> payload(o.raw() ? 12 : o.tid != 0 ? 8 : 4);
+    std::vector<uint8_t> payload(o.raw() || o.on_cpu ? 12 : o.tid != 0 ? 8 : 4);
     u32_to_u8(o.pid, payload.data());
-    if (o.raw())
-        payload[8] = 1;  // the probe's flags: markup
+    if (payload.size() == 12)  // the probe's flags: markup, thread states
+        u32_to_u8((o.raw() ? 1u : 0u) | (o.on_cpu ? 2u : 0u), payload.data() + 8);
     if (o.tid != 0)
         u32_to_u8(o.tid, payload.data() + 4);
     using clock = std::chrono::steady_clock;
@@ -279,6 +299,7 @@ int sample_loop(client_conn& conn, const profile_options& o, samples& s) {
         std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(1 / o.rate));
     int status = -1;
     for (auto next = start; status < 0 && stop_signal == 0 && clock::now() < stop;) {
+        s.d.end = std::chrono::duration<double>(clock::now() - start).count();
         status = take_sample(conn, o, payload, s, progress);
         if (status < 0 && progress) {
             double t = std::chrono::duration<double>(clock::now() - start).count();
@@ -292,14 +313,31 @@ int sample_loop(client_conn& conn, const profile_options& o, samples& s) {
                 std::min<clock::duration>(next - clock::now(), std::chrono::milliseconds(50)));
         }
     }
+    s.d.end = std::chrono::duration<double>(clock::now() - start).count();
     if (progress)
         fputc('\n', stderr);
+    // A board or link slower than the rate asked shows here, not only as a
+    // thin profile.
+    fprintf(stderr, "vireo-client: profile: %.1f samples/s of %g asked (%ld in %.1f s)\n",
+            s.d.end > 0 ? static_cast<double>(s.requests) / s.d.end : 0.0, o.rate, s.requests,
+            s.d.end);
     if (s.stacks == 0 && s.last_error != 0 && status <= 0) {
         fprintf(stderr, "vireo-client: profile: %s (%d)\n", status_text(s.last_error).c_str(),
                 s.last_error);
         return client_exit::status;
     }
     return status < 0 ? client_exit::ok : status;
+}
+
+// The folded stacks and their counts; under --per-thread below each
+// thread's root frame.
+std::map<std::string, long> fold_counts(const profile_options& o, const profile_data& d) {
+    std::map<std::string, long> counts;
+    for (const auto& e : d.counts) {
+        const std::string& stack = d.stacks[static_cast<size_t>(e.first.second)];
+        counts[(o.per_thread ? thread_root(d, e.first.first) + ";" : "") + stack] += e.second;
+    }
+    return counts;
 }
 
 int write_folded(const std::map<std::string, long>& counts, const std::string& path) {
@@ -366,39 +404,40 @@ std::string fold_address(const markup_context& ctx, uint64_t addr, bool ret, sym
     return out;
 }
 
-// The raw samples named here: folded stacks into s.counts, or the pprof
-// file; an exit status.
-int name_samples(const profile_options& o, samples& s, double seconds) {
+// The raw samples named here: each stack folded in place, and the pprof
+// file written when asked for; an exit status.
+int name_samples(const profile_options& o, samples& s) {
     symbolize_options so;
     so.debug_dirs = o.debug_dirs;
     so.debuginfod_urls = o.debuginfod_urls;
     symbolizer namer(so);
     std::vector<markup_context> ctx;
     for (const std::string& c : s.contexts) ctx.push_back(parse_context(c));
-    pprof_profile p;
-    p.space = ctx.empty() ? markup_context{} : ctx.back();
-    p.period_ns = static_cast<int64_t>(1e9 / o.rate);
-    p.duration_ns = static_cast<int64_t>(seconds * 1e9);
-    p.time_ns = static_cast<int64_t>(time(nullptr) - static_cast<time_t>(seconds)) * 1000000000;
-    for (const auto& e : s.raw_counts) {
-        std::vector<std::string> f = split(e.first, '\t');
+    std::vector<std::vector<uint64_t>> leaf_first(s.d.stacks.size());
+    for (size_t id = 0; id < s.d.stacks.size(); id++) {
+        std::vector<std::string> f = split(s.d.stacks[id], '\t');
         const markup_context& c = ctx[std::stoul(f[0])];
-        std::vector<std::string> addrs = split(f[2], ';');
+        std::vector<std::string> addrs = split(f[1], ';');
         std::string folded;
-        pprof_sample ps{f[1], {}, e.second};
         for (size_t i = 0; i < addrs.size(); i++) {
             uint64_t a = strtoull(addrs[i].c_str(), nullptr, 16);
             const bool leaf = i + 1 == addrs.size();
-            std::string name = a == 0 ? addrs[i] : fold_address(c, a, !leaf, namer);
-            folded += (i > 0 ? ";" : "") + name;
+            folded += (i > 0 ? ";" : "") + (a == 0 ? addrs[i] : fold_address(c, a, !leaf, namer));
             if (a != 0)
-                ps.addrs.insert(ps.addrs.begin(), a);
+                leaf_first[id].insert(leaf_first[id].begin(), a);
         }
-        s.counts[folded] += e.second;
-        p.samples.push_back(std::move(ps));
+        s.d.stacks[id] = folded;
     }
     if (!o.pprof)
         return client_exit::ok;
+    pprof_profile p;
+    p.space = ctx.empty() ? markup_context{} : ctx.back();
+    p.period_ns = static_cast<int64_t>(1e9 / o.rate);
+    p.duration_ns = static_cast<int64_t>(s.d.end * 1e9);
+    p.time_ns = static_cast<int64_t>(time(nullptr) - static_cast<time_t>(s.d.end)) * 1000000000;
+    for (const auto& e : s.d.counts)
+        p.samples.push_back(
+            pprof_sample{s.d.names[e.first.first], leaf_first[e.first.second], e.second});
     std::string why;
     if (write_pprof(p, &namer, o.out_path, why) != 0) {
         fprintf(stderr, "vireo-client: %s\n", why.c_str());
@@ -407,7 +446,7 @@ int name_samples(const profile_options& o, samples& s, double seconds) {
     return client_exit::ok;
 }
 #else
-int name_samples(const profile_options&, samples&, double) {
+int name_samples(const profile_options&, samples&) {
     fputs("vireo-client: built without elfutils' libdw: no naming on this host\n", stderr);
     return client_exit::usage;
 }
@@ -442,16 +481,19 @@ int run_profile(int argc, char** argv) {
         return client_exit::usage;
     }
     samples s;
-    const auto started = std::chrono::steady_clock::now();
     int status = sample_loop(conn, o, s);
     if (o.raw()) {
-        std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
-        if (int nrc = name_samples(o, s, took.count()); nrc != client_exit::ok)
+        if (int nrc = name_samples(o, s); nrc != client_exit::ok)
             return nrc;
-        if (o.pprof)
-            return stop_signal != 0 ? client_exit::signalled + stop_signal : status;
     }
-    int wrc = write_folded(s.counts, o.out_path);
+    int wrc = client_exit::ok;
+    if (o.speedscope &&
+        write_speedscope(s.d, "pid " + std::to_string(o.pid), o.out_path, why) != 0) {
+        fprintf(stderr, "vireo-client: %s\n", why.c_str());
+        wrc = client_exit::output;
+    } else if (!o.pprof && !o.speedscope) {
+        wrc = write_folded(fold_counts(o, s.d), o.out_path);
+    }
     if (wrc != client_exit::ok)
         return wrc;
     return stop_signal != 0 ? client_exit::signalled + stop_signal : status;

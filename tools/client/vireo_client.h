@@ -38,6 +38,15 @@ constexpr uint32_t return_id_sub = 2;
 // not have that shape.
 bool add_sample(const std::string& text, std::map<std::string, long>& counts, long& stacks);
 
+// One thread's line of a probe_sample reply: "TID\tNAME\tHELD_US\tSTACK",
+// or with_state "TID\tNAME\tHELD_US\tSTATE\tSTACK" (the state letter, when
+// the request asked for it). 1 for such a line, 0 for the "... truncated"
+// line that ends a cut reply, -1 for any other.
+struct sample_line {
+    std::string tid, name, held, state, stack;
+};
+int read_sample_line(const std::string& line, bool with_state, sample_line& out);
+
 // CURVE keys of a client, 40-character Z85 texts; all empty for plaintext.
 struct client_keys {
     std::string server_public;
