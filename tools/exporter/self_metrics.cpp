@@ -33,7 +33,8 @@ double open_fds() {
 }
 
 double boot_time() {
-    for (std::string_view line : lines_of(read_all("/proc/stat"))) {
+    const std::string text = read_all("/proc/stat");  // the views below point into it
+    for (std::string_view line : lines_of(text)) {
         std::vector<std::string_view> v = words(line);
         double t = 0;
         if (v.size() == 2 && v[0] == "btime" && to_double(v[1], t)) {
