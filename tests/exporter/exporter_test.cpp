@@ -279,7 +279,7 @@ TEST(exporter, failed_probes_say_why) {
          {std::pair{string("curved"), "# handshake with " + b.ep +
                                           " failed: security mismatch: the server does not use CURVE\n"},
           {not_zmq.ep, "# no ZeroMQ handshake from " + not_zmq.ep + " within 1000 ms: not a vireo-monitor\n"}}) {
-        string text = e.probe(target, "2");
+        string text = e.probe(target, "5");  // room for a loaded machine: both fail on their own
         EXPECT_NE(text.find(line), string::npos) << text;
     }
 }
