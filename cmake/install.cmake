@@ -44,6 +44,25 @@ if(TARGET vireo_probe)
   target_compile_definitions(vireo_probe PRIVATE VIREO_WALKER_FROM_PLUGIN="${walker_from_plugin}")
 endif()
 
+# Crash reports: the kernel starts the handler (core_pattern, below), the
+# daemon loads the plug-in beside the probe.
+if(TARGET vireo-crash)
+  install(TARGETS vireo-crash RUNTIME DESTINATION ${VIREO_PKGLIB_INSTALL_DIR})
+  install(TARGETS vireo_crash LIBRARY DESTINATION ${VIREO_PLUGIN_INSTALL_DIR})
+  # Registered as Debian's own core handler is: a sysctl.d file, applied at
+  # boot by systemd-sysctl (or procps) in file-name order, where the last
+  # file to set core_pattern wins; "50-vireo-crash" sorts after
+  # "50-coredump". Relative to the prefix (usr/lib/sysctl.d for a package),
+  # so that an install elsewhere never touches the machine's own folder.
+  set(VIREO_CRASH_HANDLER ${CMAKE_INSTALL_FULL_LIBDIR}/vireo-monitor/vireo-crash)
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/50-vireo-crash.conf.in
+                 ${CMAKE_BINARY_DIR}/packaging/50-vireo-crash.conf @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/packaging/50-vireo-crash.conf DESTINATION lib/sysctl.d)
+  set(VIREO_INSTALL_CRASH ON)
+else()
+  set(VIREO_INSTALL_CRASH OFF)
+endif()
+
 # --- configuration ----------------------------------------------------------
 install(CODE "
   set(VIREO_CONFIG_SOURCE_DIR \"${PROJECT_SOURCE_DIR}/config\")
@@ -52,7 +71,8 @@ install(CODE "
   set(VIREO_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
   set(VIREO_DOCDIR \"${CMAKE_INSTALL_DOCDIR}\")
   set(VIREO_INSTALL_SECURITY ${VIREO_INSTALL_SECURITY})
-  set(VIREO_CONFIGURED_PREFIX \"${CMAKE_INSTALL_PREFIX}\")")
+  set(VIREO_CONFIGURED_PREFIX \"${CMAKE_INSTALL_PREFIX}\")
+  set(VIREO_INSTALL_CRASH ${VIREO_INSTALL_CRASH})")
 install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/install_config.cmake)
 
 # --- service and manual pages -----------------------------------------------

@@ -48,6 +48,16 @@ set(security
   },
 ")
 
+# The crash groups: reading and deleting under codes of their own, so that
+# an authorized key may be given one without the other.
+set(crash_groups
+"    // Commands 0x50 and 0x51: crash reports kept by vireo-crash (crash.conf):
+    // 0x50 lists (1), fetches (2) and gives the stack-only core (3) of the
+    // report whose id is the payload; 0x51 deletes one (1).
+    { \"class\": \"crash\", \"code\": \"0x50\", \"config\": \"${etc_dir}/crash.json\" },
+    { \"class\": \"crash-delete\", \"code\": \"0x51\", \"config\": \"${etc_dir}/crash-delete.json\" },
+")
+
 function(vireo_write_config src dst_dir)
   file(READ "${VIREO_CONFIG_SOURCE_DIR}/${src}" text)
   if(DEFINED header_${src})
@@ -59,6 +69,9 @@ function(vireo_write_config src dst_dir)
   string(REPLACE " (the repository root here)" "" text "${text}")
   if(VIREO_INSTALL_SECURITY AND src STREQUAL "demo/main.json")
     string(REPLACE "  \"sub-configs\": [" "${security}  \"sub-configs\": [" text "${text}")
+  endif()
+  if(VIREO_INSTALL_CRASH AND src STREQUAL "demo/main.json")
+    string(REPLACE "    // Command 0xDE5C:" "${crash_groups}    // Command 0xDE5C:" text "${text}")
   endif()
   get_filename_component(name "${src}" NAME)
   set(dst "$ENV{DESTDIR}${dst_dir}/${name}")
@@ -75,3 +88,8 @@ endforeach()
 foreach(f main.json files-only.json system.json probe.json)
   vireo_write_config(sample/${f} "${examples_dir}")
 endforeach()
+if(VIREO_INSTALL_CRASH)
+  foreach(f crash.json crash-delete.json crash.conf)
+    vireo_write_config(sample/${f} "${etc_dir}")
+  endforeach()
+endif()

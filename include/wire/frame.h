@@ -30,6 +30,11 @@ constexpr int max_request_payload = 1024;
 // ZMQ_MAXMSGSIZE, so libzmq drops a longer one before holding it), and a
 // multi-packet reply has at most this many packets: 8 MiB of payload.
 constexpr int max_reply_frame = max_reply_payload + 48;
+// The ZMQ_MAXMSGSIZE a reader sets: libzmq compares it with a frame as it
+// comes off the wire, before CURVE decrypts it, and CURVE adds 33 bytes to
+// each frame (command name, nonce, box). The decoder still holds a
+// decrypted frame to max_reply_frame.
+constexpr int64_t max_wire_frame = max_reply_frame + 64;
 constexpr size_t max_reply_packets = 1024;
 
 // A reply that does not hold together (the result of parse_reply).

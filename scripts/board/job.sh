@@ -121,6 +121,38 @@ for _ in $(seq 50); do
   sleep 0.1
 done
 
+# Crash reports: the package made vireo-crash the kernel's core handler; a
+# 10-thread program that faults leaves a report, timed from the program's
+# start until the report is on disk (written under a temporary name and
+# renamed, so its appearance is the end).
+store=/var/lib/vireo-monitor/crashes
+handler_registered() {
+  local pattern
+  pattern=$(cat /proc/sys/kernel/core_pattern)
+  echo "core_pattern: $pattern"
+  # shellcheck disable=SC2086 # the handler's path, then its arguments
+  set -- ${pattern#|}
+  case $pattern in "|/usr/lib/"*"/vireo-monitor/vireo-crash "*) [ -x "$1" ] ;; *) return 1 ;; esac
+}
+check "the package registers vireo-crash in kernel.core_pattern" handler_registered
+crash_leaves_report() {
+  local start end report=""
+  start=$(date +%s%N)
+  /opt/board/walk-stripped crash
+  for _ in $(seq 3000); do
+    report=$(ls "$store"/*.txt 2>/dev/null | head -n 1)
+    [ -n "$report" ] && break
+    sleep 0.01
+  done
+  end=$(date +%s%N)
+  [ -n "$report" ] || { echo "no report in $store"; ls -la "$store"; journalctl -t vireo-crash --no-pager | tail -n 5; return 1; }
+  echo "crash to report on disk: $(((end - start) / 1000000)) ms; report: $(stat -c %s "$report") bytes;" \
+    "threads: $(sed -n 's/^threads: //p' "$report")" | tee "$J/crash-measured.txt"
+  grep -q '^signal: 11 SIGSEGV$' "$report" && grep -q '^fault address: 0x0000000000001234$' "$report" &&
+    grep -q '^threads: 10$' "$report"
+}
+check "a crash on the board leaves a report (10 threads, SIGSEGV at 0x1234)" crash_leaves_report
+
 # The pointer-authentication program really needs the signature stripped:
 # this elfutils' eu-stack does not, and loses its frames' names.
 eu_stack_loses_pac() {
@@ -197,6 +229,15 @@ purge_removes() {
   ! systemctl is-active --quiet "$unit"
 }
 check "--purge removes the configuration and the keys" purge_removes
+
+purge_unregisters() {
+  local pattern
+  pattern=$(cat /proc/sys/kernel/core_pattern)
+  echo "core_pattern: $pattern"
+  [ ! -e /var/lib/vireo-monitor ] || { ls -laR /var/lib/vireo-monitor; return 1; }
+  case $pattern in *vireo-crash*) return 1 ;; esac
+}
+check "--purge removes the handler's registration and the reports" purge_unregisters
 
 kill "$o2" "$pac" "$stripped" "$threads" 2>/dev/null
 exit 0

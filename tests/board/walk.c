@@ -2,6 +2,7 @@
 //   walk park       the main thread waits in board_leaf, three calls deep
 //   walk hot        the main thread spins in board_hot (for the profile)
 //   walk N          N more threads wait in board_leaf beside the main one
+//   walk crash      nine more threads wait, the main one faults in board_crash
 // The call after each call and the volatile flags keep every frame real:
 // no inlining, cloning, tail calls or calls into a function known not to
 // return.
@@ -32,6 +33,11 @@ __attribute__((noinline, noclone)) void board_hot(void) {
     while (!board_stop) board_sink++;
 }
 
+__attribute__((noinline, noclone)) void board_crash(void) {
+    *(volatile int*)0x1234 = 1;
+    board_sink++;
+}
+
 static void* board_thread(void* arg) {
     board_outer();
     return arg;
@@ -43,11 +49,14 @@ int main(int argc, char** argv) {
         board_hot();
         return 0;
     }
-    for (int i = atoi(mode); i > 0; --i) {
+    const int crash = strcmp(mode, "crash") == 0;
+    for (int i = crash ? 9 : atoi(mode); i > 0; --i) {
         pthread_t t;
         if (pthread_create(&t, NULL, board_thread, NULL) != 0)
             return 1;
     }
+    if (crash)
+        board_crash();
     board_outer();
     return 0;
 }

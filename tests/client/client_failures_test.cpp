@@ -129,6 +129,7 @@ TEST(client_failures, each_has_its_message_and_status) {
         {"-t 10000 -e tcp://" + refused + " 10 1", 4, "", "connection refused by " + refused + "\n"},
         {"-t 10000 -e tcp://" + refused + " profile --pid 1", 4, "", "connection refused by " + refused + "\n"},
         {"-t 10000 -e tcp://no-such-host.invalid:6600 10 1", 4, "", "unknown host no-such-host.invalid"},
+        {s + alice + "crashes", 3, "", "malformed reply from " + secure.endpoint + ": not a crash list"},
         {s + "--key " + d + "/absent.key 10 1", 78, "", "key file " + d + "/absent.key: cannot be read"},
         {s + "10 1", 64, "", "needs both the server's key (--server-key) and its own (--key)"},
         {"--jsno 10 1", 64, "", "unknown option --jsno (did you mean --json?)"},

@@ -20,6 +20,7 @@
 #include <regex>
 #include <thread>
 
+#include "client_run.h"
 #include "test_util.h"
 
 namespace {
@@ -53,7 +54,7 @@ public:
         old_pattern = sysctl_read(pattern_file);
         old_limit = sysctl_read(limit_file);
         int p[2];
-        if (pipe(p) != 0)
+        if (pipe2(p, O_CLOEXEC) != 0)  // no program the test starts holds it open
             return;
         watcher = fork();
         if (watcher == 0) {
@@ -201,6 +202,23 @@ protected:
         wait_handlers();
         return pid;
     }
+    // The daemon serving the store with the crash plug-in (plaintext), for
+    // the client; its -c option.
+    std::unique_ptr<daemon_process> daemon;
+    std::string serve_store() {
+        std::string d = dir.path(), lib = d + "/libvireo_crash.so";
+        symlink(VIREO_CRASH_PLUGIN, lib.c_str());
+        int port = free_port();
+        dir.write("read.json", R"({"cmd-list": [{"name": "list", "id": "1", "type": "custom", "lib": ")" + lib +
+                                   R"(", "symbols": "crash_list"}, {"name": "fetch", "id": "2", "type": "custom", "lib": ")" +
+                                   lib + R"(", "symbols": "crash_fetch"}, {"name": "core", "id": "3", "type": "custom", "lib": ")" +
+                                   lib + R"(", "symbols": "crash_core"}]})");
+        dir.write("serve.json", R"({"mode": "m", "server_ip": "127.0.0.1", "port": )" + std::to_string(port) +
+                                    R"(, "sub-configs": [{"class": "crash", "code": "50", "config": ")" + d + R"(/read.json"}]})");
+        daemon = std::make_unique<daemon_process>(std::vector<std::string>{"-c", d + "/serve.json"});
+        EXPECT_TRUE(daemon->wait_ready("tcp://127.0.0.1:" + std::to_string(port)));
+        return "-c " + d + "/serve.json ";
+    }
     std::string report_of(pid_t pid) {
         for (const auto& r : reports(store)) {
             std::string t = read_text_file(r);
@@ -223,6 +241,8 @@ protected:
         if (!pattern->ok)
             GTEST_SKIP() << "kernel.core_pattern cannot be set here";
     }
+    // The daemon inherited the watcher's pipe: it ends before the watcher.
+    void TearDown() override { daemon.reset(); }
 };
 
 TEST_F(crash_core_pattern_restored_test, reports_signal_address_and_the_crashed_thread_first) {
@@ -287,6 +307,7 @@ TEST_F(crash_core_pattern_restored_test, stack_only_core_unwinds_in_gdb_and_eu_s
     EXPECT_EQ(shell("nm " + exe + " 2>&1 | grep -c _here"), "0\n");
     // The abort is named only by unwinding through the C library, which the
     // debuggers find through the dynamic linker's list kept in the core.
+    std::vector<std::pair<std::string, std::string>> ids;  // report, function
     for (const char* mode : {"segv", "abort"}) {
         SCOPED_TRACE(mode);
         std::string fn = mode == std::string("segv") ? "crash_here" : "abort_here";
@@ -305,6 +326,21 @@ TEST_F(crash_core_pattern_restored_test, stack_only_core_unwinds_in_gdb_and_eu_s
         std::string eu = shell("timeout 60 eu-stack --core=" + core + " -e " + exe +
                                " --debuginfo-path=" + debug + " 2>&1");
         EXPECT_NE(eu.find(" " + fn + "\n"), std::string::npos) << eu;
+        std::string id = gz.substr(gz.rfind('/') + 1, gz.size() - gz.rfind('/') - 9);
+        std::rename(core.c_str(), (core + "-" + id).c_str());
+        ids.push_back({id, fn});
+    }
+    // The client names the reports' frames from the debug folder (the source
+    // line is in no board name), and saves the cores inflated.
+    const std::string c = serve_store();
+    for (const auto& r : ids) {
+        run_result named = run_client(c + "crash " + r.first + " --no-debuginfod --debug-dir " + debug);
+        EXPECT_EQ(named.status, 0) << named.err;
+        EXPECT_TRUE(std::regex_search(
+            named.out, std::regex(R"(#\d+ +0x[0-9a-f]+ in )" + r.second + R"( \(.*\) at .*crasher\.cpp:\d+)")))
+            << named.out;
+        EXPECT_EQ(run_client(c + "crash " + r.first + " --core " + dir.path() + "/saved").status, 0);
+        EXPECT_EQ(read_text_file(dir.path() + "/saved"), read_text_file(dir.path() + "/core-" + r.first));
     }
 }
 
@@ -474,6 +510,29 @@ TEST_F(crash_test, list_fetch_delete_with_rights_per_key_and_hostile_ids) {
     }
     EXPECT_EQ(read_text_file(d + "/secret.txt"), "not a report");
     EXPECT_EQ(ask(rpub, rsec, 0x40, 1, "").second, "1700000001-11\t1700000001\t/bin/b\t6\t0\n");
+    // The client finds both groups' codes by class in main.json.
+    dir.write("reader.key", std::string(rsec) + "\n");
+    dir.write("admin.key", std::string(asec) + "\n");
+    dir.write("server.pub", std::string(spub) + "\n");
+    const std::string c = "-c " + d + "/main.json --server-key " + d + "/server.pub --key " + d + "/";
+    struct {
+        std::string args;
+        int status;
+        std::string out, err;  // out exactly, err a piece of it
+    } client_rows[] = {
+        {"reader.key crashes --json", 0,
+         R"([{"core_bytes":0,"executable":"/bin/b","id":"1700000001-11","signal":6,"signal_name":"SIGABRT","time":1700000001}])"
+         "\n", ""},
+        {"reader.key crashes", 0,
+         "ID                       TIME (UTC)           SIGNAL      EXECUTABLE\n"
+         "1700000001-11            2023-11-14T22:13:21Z 6 SIGABRT   /bin/b\n", ""},
+        {"reader.key crash 1700000001-11 --raw", 0, read_text_file(store + "/1700000001-11.txt"), ""},
+        {"reader.key crash 1700000009-1", 1, "", "no report 1700000009-1 on the board (-2)\n"},
+        {"reader.key crash ../secret", 1, "", "not a report id: ../secret (-22)\n"},
+        {"reader.key crash 1700000001-11 --delete", 1, "", "(-1)\n"},
+        {"admin.key crash 1700000001-11 --delete", 0, "", ""},
+        {"admin.key crashes --json", 0, "[]\n", ""}};
+    for (const auto& row : client_rows) expect_run(c + row.args, row.status, row.out, row.err);
 }
 
 }  // namespace

@@ -149,7 +149,7 @@ int client_conn::open(std::string& why) {
     // A longer frame drops the connection before it is held in memory. A
     // multi-part reply without end is bounded by the timeout only: libzmq
     // keeps the parts of a message until its last one.
-    int64_t max_frame = max_reply_frame;
+    int64_t max_frame = max_wire_frame;
     zmq_setsockopt(sock, ZMQ_MAXMSGSIZE, &max_frame, sizeof max_frame);
     if (keys.curve() &&
         (zmq_setsockopt(sock, ZMQ_CURVE_SERVERKEY, keys.server_public.data(), 40) != 0 ||

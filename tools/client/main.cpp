@@ -162,10 +162,12 @@ int find_subcommand(int argc, char** argv) {
         } else if (is_option_word(argv[i])) {
             return 0;
         } else {
-            return strcmp(argv[i], "profile") == 0 || strcmp(argv[i], "check-config") == 0 ||
-                           strcmp(argv[i], "symbolize") == 0
-                       ? i
-                       : 0;
+            for (const char* sub : {"profile", "check-config", "symbolize", "crashes", "crash"}) {
+                if (strcmp(argv[i], sub) == 0) {
+                    return i;
+                }
+            }
+            return 0;
         }
     }
     return 0;
@@ -175,7 +177,8 @@ int find_subcommand(int argc, char** argv) {
 // of its own, so that its own win where both name one.
 int run_subcommand(int argc, char** argv, int at) {
     const std::string name = argv[at];
-    if (name != "profile" && at > 1) {
+    const bool takes_globals = name == "profile" || name == "crash" || name == "crashes";
+    if (!takes_globals && at > 1) {
         return usage_error(name + " takes none of the request options");
     }
     std::vector<std::string> args{name};
@@ -196,9 +199,10 @@ int run_subcommand(int argc, char** argv, int at) {
     }
     sub_argv.push_back(nullptr);
     const int sub_argc = static_cast<int>(args.size());
-    return name == "profile"     ? run_profile(sub_argc, sub_argv.data())
-           : name == "symbolize" ? run_symbolize(sub_argc, sub_argv.data())
-                                 : run_check_config(sub_argc, sub_argv.data());
+    return name == "profile"                        ? run_profile(sub_argc, sub_argv.data())
+           : name == "symbolize"                    ? run_symbolize(sub_argc, sub_argv.data())
+           : name == "crash" || name == "crashes" ? run_crash(sub_argc, sub_argv.data())
+                                                    : run_check_config(sub_argc, sub_argv.data());
 }
 
 }  // namespace

@@ -15,6 +15,7 @@ const char usage_text[] =
     "       vireo-client keygen BASE\n"
     "       vireo-client profile ...  |  vireo-client check-config MAIN.json\n"
     "       vireo-client symbolize [--debug-dir DIR]... [--debuginfod URL] [FILE]\n"
+    "       vireo-client crashes [--json]  |  vireo-client crash ID [--core FILE | --delete]\n"
     "REQUEST:\n"
     "  CODE SUB [--pid N [--tid T] | --byte N | --hex HEXBYTES]\n"
     "                   command code and sub-command in hex (\"0x10\", \"10\")\n"

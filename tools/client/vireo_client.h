@@ -199,3 +199,6 @@ int run_check_config(int argc, char** argv);
 // "vireo-client symbolize [FILE]" (argv[0] is "symbolize"): names the frames
 // of markup saved earlier on the host (symbolize_cmd.cpp).
 int run_symbolize(int argc, char** argv);
+// "vireo-client crashes" and "vireo-client crash ID" (argv[0] is the word):
+// the board's crash reports, through its crash plug-in (crash_cmd.cpp).
+int run_crash(int argc, char** argv);

@@ -210,7 +210,7 @@ int probe_session::open_link() {
     // A frame longer than one packet drops the link before it is held in
     // memory. A multi-part reply without end is bounded by the probe's
     // deadline only: libzmq keeps a message's parts until its last one.
-    int64_t max_frame = max_reply_frame;
+    int64_t max_frame = max_wire_frame;
     zmq_setsockopt(sock, ZMQ_MAXMSGSIZE, &max_frame, sizeof max_frame);
     // A daemon greets at once: a peer that has not finished the handshake
     // within this is not one (libzmq's default waits 30 s).
