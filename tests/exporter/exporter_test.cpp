@@ -276,8 +276,7 @@ TEST(exporter, failed_probes_say_why) {
     exporter e(R"({"curved": {"endpoint": ")" + b.ep + R"(", "server-key": ")" + pub +
                R"(", "key": ")" + t.write("me.key", string(sec) + "\n") + R"("}})");
     for (auto [target, line] :
-         {std::pair{string("curved"), "# handshake with " + b.ep +
-                                          " failed: security mismatch: the server does not use CURVE\n"},
+         {std::pair{string("curved"), string("does not use CURVE")},  // whichever side noticed first
           {not_zmq.ep, "# no ZeroMQ handshake from " + not_zmq.ep + " within 1000 ms: not a vireo-monitor\n"}}) {
         string text = e.probe(target, "5");  // room for a loaded machine: both fail on their own
         EXPECT_NE(text.find(line), string::npos) << text;

@@ -275,7 +275,12 @@ void probe_session::fail_refused(conn_verdict v) {
     if (v == conn_verdict::refused) {
         fail(reason_refused, "connection to " + target.endpoint + " refused");
     } else if (v == conn_verdict::handshake_closed) {
-        fail(reason_refused, target.endpoint + " closed the connection in the handshake");
+        // The side that notices a mechanism mismatch first closes: the
+        // other one sees only that.
+        fail(reason_refused, target.endpoint + " closed the connection in the handshake" +
+                                 (target.keys.secret_key.empty()
+                                      ? " (it may use CURVE: give the target \"server-key\" and \"key\")"
+                                      : " (wrong server key, or it does not use CURVE)"));
     } else if (v == conn_verdict::no_handshake) {
         fail(reason_handshake, "no ZeroMQ handshake from " + target.endpoint + " within " +
                                    std::to_string(handshake_ms) + " ms: not a vireo-monitor");
