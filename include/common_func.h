@@ -118,17 +118,13 @@ public:
     // always uses its descriptor. Returns the count, -1 when the read fails,
     // -2 when the file cannot be opened. A len below 1 is refused with -1
     // (errno EINVAL) before anything is opened, read or written.
-    //
-    // read_all (opt-in per command) reads on until len - 1 bytes are in or
-    // the file ends, for files such as /proc/PID/maps that hand out about a
-    // page per read. It retries EINTR; an error after some bytes returns
-    // those bytes (errno tells what stopped it), an error before any byte -1.
-    static int read_file(const std::string& path, uint8_t* buf, int len, bool cached,
-                         bool read_all = false);
+    static int read_file(const std::string& path, uint8_t* buf, int len, bool cached);
 
     // A file longer than one reply, for a "read-all" command that answers
-    // the whole file. The first len - 1 bytes are read as read_file with
-    // read_all reads them; when the file ends there, the result is read_file's
+    // the whole file. The first len - 1 bytes are read on until they are in
+    // or the file ends (a regular file; a device or pipe gets one read),
+    // retrying EINTR; an error after some bytes returns those bytes, an error
+    // before any byte -1. When the file ends there, the result is read_file's
     // (the count, in buf, a zero byte after it) and whole stays unmapped. A
     // regular file that fills them is read on into whole, mapped with limit
     // bytes (limit > len - 1), its content from offset 0, until it ends or

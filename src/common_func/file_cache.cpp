@@ -41,9 +41,6 @@ ssize_t read_loop(int fd, uint8_t* buf, size_t want) {
     return static_cast<ssize_t>(got);
 }
 
-ssize_t read_to_end(int fd, uint8_t* buf, size_t want) {
-    return regular_file(fd) ? read_loop(fd, buf, want) : read(fd, buf, want);
-}
 
 }  // namespace
 
@@ -99,8 +96,7 @@ void file_cache::release(held_fd& h) {
     }
 }
 
-int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool cached,
-                          bool read_all) {
+int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool cached) {
     if (len < 1) {
         errno = EINVAL;
         return -1;
@@ -109,8 +105,7 @@ int file_cache::read_file(const std::string& path, uint8_t* buf, int len, bool c
     if (int rc = hold(path, cached, h); rc < 0) {
         return rc;
     }
-    ssize_t count = read_all ? read_to_end(h.fd, buf, static_cast<size_t>(len) - 1)
-                             : read(h.fd, buf, static_cast<size_t>(len) - 1);
+    ssize_t count = read(h.fd, buf, static_cast<size_t>(len) - 1);
     release(h);
     if (count > 0) {
         buf[count] = 0;
