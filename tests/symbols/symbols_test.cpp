@@ -2,7 +2,10 @@
 // from debug folders and from a real debuginfod server, checked against
 // llvm-symbolizer; a pprof file read back by go tool pprof.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -320,6 +323,44 @@ TEST(symbols, daemon_stacks_named_on_the_host) {
             EXPECT_NE(first.substr(0, first.find('\n')).find("leaf_record"), string::npos) << top;
         }
     }
+}
+
+// A server that takes connections and never answers: whether the client
+// asked it at all. DEBUGINFOD_URLS points there in every row; only the
+// rows without --no-debuginfod may connect.
+TEST(symbols, no_debuginfod_asks_no_server_whatever_the_environment_says) {
+    probed_board b("vireo_sym_target");
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), len), 0);
+    ASSERT_EQ(listen(fd, 16), 0);
+    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    const string env = "env DEBUGINFOD_TIMEOUT=1 DEBUGINFOD_URLS=http://127.0.0.1:" + std::to_string(ntohs(a.sin_port)) + " DEBUGINFOD_CACHE_PATH=" + b.dir.path() + "/cache-";
+    const string pid = std::to_string(b.target->pid), markup = the_board().pie;
+    struct {
+        string cmd;
+        bool asks;
+    } rows[] = {
+        {"-c " + b.cfg + " probe.stack --pid " + pid + " --no-debuginfod --debug-dir /nonexistent", false},
+        {"profile -c " + b.cfg + " --pid " + pid + " --duration 0.2 --no-debuginfod --format pprof -o " + b.dir.path() + "/p.pb.gz", false},
+        {"symbolize --no-debuginfod " + markup, false},
+        // Its wait for an answer is cut short: the connection is the point.
+        {"symbolize " + markup, true},
+    };
+    int n = 0;
+    for (const auto& r : rows) {
+        string out = sh(env + std::to_string(n++) + " timeout 2 " VIREO_CLIENT_BIN " " + r.cmd);
+        int c = accept(fd, nullptr, nullptr);
+        EXPECT_EQ(c >= 0, r.asks) << r.cmd << "\n" << out;
+        while (c >= 0) {
+            close(c);
+            c = accept(fd, nullptr, nullptr);
+        }
+    }
+    close(fd);
 }
 #endif
 

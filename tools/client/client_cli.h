@@ -52,6 +52,7 @@ struct options {
     // from debug files, or printed as it came with --raw.
     bool raw = false;
     std::vector<std::string> debug_dirs, debuginfod_urls;
+    bool no_debuginfod = false;  // DEBUGINFOD_URLS ignored
     bool raw_asked() const { return raw || !debug_dirs.empty() || !debuginfod_urls.empty(); }
 };
 

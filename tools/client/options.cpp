@@ -48,6 +48,7 @@ const char usage_text[] =
     "  --debug-dir DIR  ask a probe stack or sample raw and name its frames here from\n"
     "                   debug files under DIR (repeatable; a build-id tree or a sysroot)\n"
     "  --debuginfod URL the same, from this debuginfod server (or DEBUGINFOD_URLS)\n"
+    "  --no-debuginfod  ask no server, whatever DEBUGINFOD_URLS says\n"
     "  --raw            ask a probe stack or sample raw and print its markup\n"
     "  -v, --verbose    print the reply header on stderr\n"
     "  --json           print the reply (or the --list) as JSON\n"
@@ -75,6 +76,7 @@ const option_def option_defs[] = {
     {"--version", "", false, false},  {"--tid", "", true, false},
     {"--name", "", true, false},      {"--raw", "", false, false},
     {"--debuginfod", "", true, false}, {"--debug-dir", "", true, false},
+    {"--no-debuginfod", "", false, false},
 };
 
 // True when b is a one edit away from a: a character inserted, deleted or
@@ -212,7 +214,8 @@ void set_flag(const std::string& a, options& o) {
      : a == "-v"        ? o.verbose
      : a == "--json"    ? o.json
      : a == "--raw"     ? o.raw
-                        : o.list) = true;
+     : a == "--list"    ? o.list
+                        : o.no_debuginfod) = true;
 }
 
 // What the options say together; 0, or -1 with why.

@@ -35,6 +35,7 @@ const char profile_usage[] =
     "  --debug-dir DIR  sample raw and name the frames here from debug files under DIR\n"
     "                   (repeatable; a build-id tree or a sysroot)\n"
     "  --debuginfod URL the same, from this debuginfod server (or DEBUGINFOD_URLS)\n"
+    "  --no-debuginfod  ask no server, whatever DEBUGINFOD_URLS says\n"
     "  --format F       folded (default), pprof (gzipped profile.proto, needs -o;\n"
     "                   samples raw, named here where debug files are found),\n"
     "                   or speedscope (JSON, a timeline per thread, needs -o)\n"
@@ -62,6 +63,7 @@ struct profile_options {
     bool command_given = false;
     std::vector<std::string> debug_dirs, debuginfod_urls;
     bool pprof = false, speedscope = false, on_cpu = false, per_thread = false;
+    bool use_env_urls = true;
     // Samples asked raw and named here.
     bool raw() const { return pprof || !debug_dirs.empty() || !debuginfod_urls.empty(); }
 };
@@ -139,8 +141,11 @@ int parse(int argc, char** argv, profile_options& o, std::string& why) {
         const std::string a = global ? g->name : typed;
         if (a == "-h" || a == "--help")
             return 1;
-        if (a == "--on-cpu" || a == "--per-thread") {
-            (a == "--on-cpu" ? o.on_cpu : o.per_thread) = true;
+        if (a == "--on-cpu" || a == "--per-thread" || a == "--no-debuginfod") {
+            if (a == "--no-debuginfod")
+                o.use_env_urls = false;
+            else
+                (a == "--on-cpu" ? o.on_cpu : o.per_thread) = true;
             continue;
         }
         const bool known = global || a == "--pid" || a == "--tid" || a == "--duration" ||
@@ -410,6 +415,7 @@ int name_samples(const profile_options& o, samples& s) {
     symbolize_options so;
     so.debug_dirs = o.debug_dirs;
     so.debuginfod_urls = o.debuginfod_urls;
+    so.use_env_urls = o.use_env_urls;
     symbolizer namer(so);
     std::vector<markup_context> ctx;
     for (const std::string& c : s.contexts) ctx.push_back(parse_context(c));

@@ -46,6 +46,7 @@ int print_named_markup(const std::string& text, const options& o) {
     symbolize_options so;
     so.debug_dirs = o.debug_dirs;
     so.debuginfod_urls = o.debuginfod_urls;
+    so.use_env_urls = !o.no_debuginfod;
     // One namer for every round of --watch: debug files stay open.
     static symbolizer s(so);
     if (text.empty())
