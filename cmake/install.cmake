@@ -58,8 +58,20 @@ if(TARGET vireo-crash)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/50-vireo-crash.conf.in
                  ${CMAKE_BINARY_DIR}/packaging/50-vireo-crash.conf @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/packaging/50-vireo-crash.conf DESTINATION lib/sysctl.d)
+  # The store's group and folder (systemd-sysusers and systemd-tmpfiles),
+  # which the unit names.
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/vireo-monitor.sysusers DESTINATION lib/sysusers.d
+          RENAME vireo-monitor.conf)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/vireo-monitor.tmpfiles DESTINATION lib/tmpfiles.d
+          RENAME vireo-monitor.conf)
+  set(VIREO_SERVICE_CRASH
+"# Crash reports: read and deleted through the store's group; the store is
+# the one folder this service may write.
+SupplementaryGroups=vireo-crash
+ReadWritePaths=-/var/lib/vireo-monitor/crashes")
   set(VIREO_INSTALL_CRASH ON)
 else()
+  set(VIREO_SERVICE_CRASH "")
   set(VIREO_INSTALL_CRASH OFF)
 endif()
 

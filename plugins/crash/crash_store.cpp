@@ -46,6 +46,14 @@ int write_all(int fd, const std::string& s) {
     return 0;
 }
 
+// A new file of our own at path: the service's group may write the store,
+// so whatever stands there (a link, a fifo, a file it made) is replaced,
+// never written through.
+int create_fresh(const std::string& path) {
+    unlink(path.c_str());
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
+}
+
 }  // namespace
 
 bool crash_id_valid(const std::string& id) {
@@ -124,7 +132,7 @@ int crash_store_delete(const std::string& dir, const std::string& id) {
 int crash_store_write(const std::string& dir, const std::string& id, const char* suffix,
                       const std::string& data) {
     std::string tmp = dir + "/.tmp-" + id + suffix;
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0640);
+    int fd = create_fresh(tmp);
     if (fd < 0)
         return -errno;
     int rc = write_all(fd, data);
@@ -172,7 +180,7 @@ int crash_store_trim(const std::string& dir, int max_reports, int64_t max_bytes,
 
 bool crash_rate_allow(const std::string& dir, const std::string& exe, int64_t t, int per_hour) {
     std::string old;
-    int fd = open((dir + "/.rate").c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = open((dir + "/.rate").c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (fd >= 0) {
         if (read_fd(fd, old, 1 << 20) != 0)
             old.clear();
@@ -197,7 +205,7 @@ bool crash_rate_allow(const std::string& dir, const std::string& exe, int64_t t,
     if (allow)
         kept += std::to_string(t) + " " + exe + "\n";
     std::string tmp = dir + "/.rate.tmp";
-    fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0640);
+    fd = create_fresh(tmp);
     if (fd >= 0) {
         bool ok = write_all(fd, kept) == 0;
         close(fd);
@@ -208,7 +216,8 @@ bool crash_rate_allow(const std::string& dir, const std::string& exe, int64_t t,
 }
 
 int crash_store_lock(const std::string& dir) {
-    int fd = open((dir + "/.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640);
+    int fd = open((dir + "/.lock").c_str(),
+                  O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0640);
     if (fd < 0)
         return -errno;
     // Not retried on EINTR: the handler's deadline signal ends the wait.

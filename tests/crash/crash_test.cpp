@@ -415,6 +415,30 @@ TEST_F(crash_test, truncated_and_random_cores_never_crash_the_handler) {
     }
 }
 
+// The service's group may write the store: a link or a fifo it left at a
+// name the handler (root) writes is replaced, never written through or
+// waited on, and the report still comes.
+TEST_F(crash_test, entries_planted_in_the_store_are_replaced_not_followed) {
+    write_conf("time-limit-s = 2\n");
+    const std::string pid = std::to_string(getpid()), outside = dir.write("outside", "outside\n");
+    for (const char* name : {".tmp-1700000000-PID.txt", ".rate.tmp", ".rate", ".lock"}) {
+        for (bool fifo : {false, true}) {
+            SCOPED_TRACE(std::string(name) + (fifo ? " fifo" : " link"));
+            ASSERT_EQ(system(("rm -rf " + store).c_str()), 0);
+            mkdir(store.c_str(), 0700);
+            std::string at = store + "/" + std::regex_replace(name, std::regex("PID"), pid);
+            ASSERT_EQ(fifo ? mkfifo(at.c_str(), 0600) : symlink(outside.c_str(), at.c_str()), 0);
+            std::string err = dir.path() + "/err";
+            int st = run({VIREO_CRASH, "-c", conf, pid, pid, "11", "1700000000", "test"},
+                         VIREO_CRASH_SEED, err, false);
+            ASSERT_TRUE(WIFEXITED(st)) << "handler ended by signal " << WTERMSIG(st);
+            EXPECT_EQ(reports(store).size(), 1u) << read_text_file(err);
+            EXPECT_EQ(read_text_file(outside), "outside\n");
+            EXPECT_EQ(read_text_file(err).find("time limit"), std::string::npos) << read_text_file(err);
+        }
+    }
+}
+
 // The plug-in in the real daemon with CURVE keys: "reader" may use the
 // reading group 0x40 only, "admin" the deleting group 0x41 too.
 TEST_F(crash_test, list_fetch_delete_with_rights_per_key_and_hostile_ids) {
