@@ -102,17 +102,19 @@ fi
 systemctl restart "$unit"
 wait_active >/dev/null
 
-# The test programs; the stripped one's debug info goes where libdw looks for
-# it by build id.
+# The test programs; the non-PIE one's debug info goes where libdw looks for
+# it by build id, the other stripped one's stays on the host.
 mkdir -p /opt/board
 cp "$J"/bin/* /opt/board/
-cp -r "$J/debug/." /usr/lib/debug/
+cp -r "$J/board-debug/." /usr/lib/debug/
 /opt/board/walk-o2 park &
 o2=$!
 /opt/board/walk-pac park &
 pac=$!
 /opt/board/walk-stripped park &
 stripped=$!
+/opt/board/walk-nopie park &
+nopie=$!
 threads_wanted=$(cat "$J/threads")
 /opt/board/walk-o2 "$threads_wanted" &
 threads=$!
@@ -165,9 +167,9 @@ eu_stack_loses_pac() {
 check "the pauth program defeats eu-stack (signed return addresses)" eu_stack_loses_pac
 
 # The hot loop keeps a virtual CPU busy: it runs only while the host works.
-/opt/board/walk-o2 hot &
+/opt/board/walk-stripped hot &
 hot=$!
-printf 'o2=%s\npac=%s\nstripped=%s\nthreads=%s\nhot=%s\n' "$o2" "$pac" "$stripped" "$threads" "$hot" >"$J/pids"
+printf 'o2=%s\npac=%s\nstripped=%s\nnopie=%s\nthreads=%s\nhot=%s\n' "$o2" "$pac" "$stripped" "$nopie" "$threads" "$hot" >"$J/pids"
 date +'%Y-%m-%d %H:%M:%S' >"$J/a.done"
 for _ in $(seq 600); do
   [ -e "$J/host.done" ] && break
@@ -239,5 +241,5 @@ purge_unregisters() {
 }
 check "--purge removes the handler's registration and the reports" purge_unregisters
 
-kill "$o2" "$pac" "$stripped" "$threads" 2>/dev/null
+kill "$o2" "$pac" "$stripped" "$nopie" "$threads" 2>/dev/null
 exit 0
