@@ -91,6 +91,10 @@ std::string probe_thread_name(pid_t pid, pid_t tid) {
     if (!name.empty() && name.back() == '\n') {
         name.pop_back();
     }
+    return probe_printable_name(name);
+}
+
+std::string probe_printable_name(std::string name) {
     for (char& ch : name) {
         if (static_cast<unsigned char>(ch) < 0x20 || ch == 0x7f) {
             ch = '?';

@@ -61,6 +61,9 @@ int probe_read_file(const std::string& path, std::string& out, int chunks = 64);
 // a name can never break a reply line; empty when unreadable.
 std::string probe_thread_name(pid_t pid, pid_t tid);
 
+// The same rule for a name taken from elsewhere (the "(comm)" of a stat file).
+std::string probe_printable_name(std::string name);
+
 // The most text a reply carries; longer text is cut and marked as
 // text_out does.
 constexpr int probe_max_reply = static_cast<int>(max_multi_reply_len);

@@ -393,6 +393,12 @@ Elf* own_elf() {
     return elf;
 }
 
+// What a reply says of a thread besides its frames.
+struct task_view {
+    char state = 0;
+    std::string name;
+};
+
 char thread_state(pid_t pid, pid_t tid);
 
 bool live(char state) {
@@ -687,9 +693,9 @@ void note(counts& n, int rc, size_t frames) {
         n.vanished++;
 }
 
-void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, bool cut,
-                 const std::string& why, bool raw, text_out& out) {
-    if (!out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str()))
+void print_stack(walker& w, pid_t tid, const task_view& task, const std::vector<frame>& frames,
+                 bool cut, const std::string& why, bool raw, text_out& out) {
+    if (!out.printf("Thread %d (%s):", tid, task.name.c_str()))
         return;
     if (frames.empty()) {
         if (why.rfind("not stopped", 0) == 0)
@@ -722,12 +728,11 @@ void print_stack(walker& w, pid_t tid, const std::vector<frame>& frames, bool cu
 
 // A sample line's fields before the frames: "TID\tNAME\tHELD_US\t", with
 // the state letter after the held time when the request asks for it.
-std::string sample_head(const walker& w, const walker_request& req, pid_t tid, int64_t held_us,
-                        char state) {
-    std::string head = std::to_string(tid) + "\t" + probe_thread_name(w.pid, tid) + "\t" +
-                       std::to_string(held_us) + "\t";
+std::string sample_head(const walker_request& req, pid_t tid, const task_view& task,
+                        int64_t held_us) {
+    std::string head = std::to_string(tid) + "\t" + task.name + "\t" + std::to_string(held_us) + "\t";
     if (req.flags & walker_flag_state)
-        head += std::string(1, state != 0 ? state : '?') + "\t";
+        head += std::string(1, task.state != 0 ? task.state : '?') + "\t";
     return head;
 }
 
@@ -751,15 +756,27 @@ void print_sample(walker& w, std::string line, const std::vector<frame>& frames,
     out.line(line);
 }
 
-// The state letter of a thread (or of the process, for tid == pid) from
-// its stat file; 0 when it is gone.
-char thread_state(pid_t pid, pid_t tid) {
+// A thread's state letter and name from its one stat file: a sample reads
+// no other file per thread. State 0 and no name when it is gone.
+task_view read_task(pid_t pid, pid_t tid) {
+    task_view t;
     std::string stat;
     std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/stat";
     if (probe_read_file(path, stat) != 0)
-        return 0;
-    size_t close = stat.rfind(')');
-    return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
+        return t;
+    // The name may hold ')' itself: it ends at the last one.
+    size_t open = stat.find('('), close = stat.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open)
+        return t;
+    t.name = probe_printable_name(stat.substr(open + 1, close - open - 1));
+    t.state = close + 2 < stat.size() ? stat[close + 2] : 0;
+    return t;
+}
+
+// The state letter of a thread (or of the process, for tid == pid); 0 when
+// it is gone.
+char thread_state(pid_t pid, pid_t tid) {
+    return read_task(pid, tid).state;
 }
 
 // True when pid is gone or becomes a zombie within a few milliseconds.
@@ -784,21 +801,21 @@ bool traced_by_other(pid_t pid) {
 // A thread not worth seizing: in an uninterruptible sleep it may never
 // stop (and ptrace cannot let go of a thread that has not stopped), and an
 // exited leader never stops. Its line stands in its place; true when so.
-bool skip_thread(walker& w, const walker_request& req, pid_t tid, char state, counts& n,
+bool skip_thread(walker& w, const walker_request& req, pid_t tid, const task_view& task, counts& n,
                  text_out& out) {
-    if (state == 'D') {
+    if (task.state == 'D') {
         n.walked++;
         if (walker_op_sample(req.op)) {
-            out.line(sample_head(w, req, tid, 0, state) + "[uninterruptible]");
+            out.line(sample_head(req, tid, task, 0) + "[uninterruptible]");
         } else {
-            out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str());
+            out.printf("Thread %d (%s):", tid, task.name.c_str());
             out.line("    (not stopped: D state)");
         }
         return true;
     }
-    if (!live(state) && tid == w.pid && w.view != w.pid) {
+    if (!live(task.state) && tid == w.pid && w.view != w.pid) {
         if (!walker_op_sample(req.op)) {
-            out.printf("Thread %d (%s):", tid, probe_thread_name(w.pid, tid).c_str());
+            out.printf("Thread %d (%s):", tid, task.name.c_str());
             out.line("    (no frames: the thread has exited)");
         }
         return true;
@@ -825,8 +842,8 @@ int handle(walker& w, const walker_request& req, text_out& out) {
         std::string why;
         bool cut = false;
         // The state as the thread ran, before the walk stops it.
-        const char state = thread_state(w.pid, tid);
-        if (skip_thread(w, req, tid, state, n, out))
+        const task_view task = read_task(w.pid, tid);
+        if (skip_thread(w, req, tid, task, n, out))
             continue;
         rc = walk_thread(w, tid, req.stop_ms, frames, cut, held_us, why);
         note(n, rc, frames.size());
@@ -838,11 +855,11 @@ int handle(walker& w, const walker_request& req, text_out& out) {
             why = std::string("not stopped: ") + (now != 0 ? now : '?') + " state";
         }
         if (!sample) {
-            print_stack(w, tid, frames, cut, why, raw, out);
+            print_stack(w, tid, task, frames, cut, why, raw, out);
         } else if (rc == 0) {
-            print_sample(w, sample_head(w, req, tid, held_us, state), frames, cut, raw, out);
+            print_sample(w, sample_head(req, tid, task, held_us), frames, cut, raw, out);
         } else if (rc == -EAGAIN) {
-            out.line(sample_head(w, req, tid, 0, state) + "[not stopped]");
+            out.line(sample_head(req, tid, task, 0) + "[not stopped]");
         }
         if (out.truncated)
             break;

@@ -148,12 +148,13 @@ TEST(probe, threads_errors_and_stacks) {
 
     client_reply r = d.ask(STACK, args(helper.pid, helper.pid));
     if (r.header().msg_len == probe_refused) GTEST_SKIP() << no_ptrace;
-    EXPECT_EQ(r.payload.rfind("Thread " + std::to_string(helper.pid) + " (", 0), 0u) << r.payload;
+    EXPECT_EQ(r.payload.rfind("Thread " + std::to_string(helper.pid) + " (vireo_probe_hel):\n", 0), 0u) << r.payload;
     size_t at = 0;
     for (const char* fn : {"vireo_helper_inner+0x", "vireo_helper_middle+0x", "vireo_helper_outer+0x", " main+0x", "probe_helper"})
         ASSERT_NE(at = r.payload.find(fn, at), string::npos) << fn << " in order in\n" << r.payload;
     string every = d.ask(STACK, args(helper.pid, 0)).payload;
     EXPECT_TRUE(count(every, "Thread ") == 4 && count(every, " in vireo_helper_deep+0x") == 3) << every;
+    for (int i = 0; i < 3; i++) EXPECT_NE(every.find(" (vh-worker-" + std::to_string(i) + "):\n"), string::npos) << every;
     // Flags in bytes 8..11: 0 changes nothing; bit 0 asks for markup: the
     // helper's module with the build-id and its code segment's address from
     // its own file, frames as addresses only (pc, then ra), samples as
