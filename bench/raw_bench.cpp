@@ -2,7 +2,11 @@
 // serves probe_sample as 0x30 4, on a target of this program's own:
 //
 //   vireo-bench-raw ENDPOINT DAEMON_PID walker-cpu   walker CPU per sample of an
-//                                                    11-thread target, raw over named
+//                                                    11-thread target, raw over named:
+//                                                    threads idle (names cached after
+//                                                    one sample), then busy in 2048
+//                                                    functions (new addresses), and
+//                                                    the first sample of fresh targets
 //   vireo-bench-raw ENDPOINT DAEMON_PID work         the target's work sampled raw at
 //                                                    99 Hz over its work unsampled
 //   vireo-bench-raw ENDPOINT DAEMON_PID maps         raw samples/s reached at 99 Hz
@@ -15,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -25,6 +30,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "vireo_client.h"
@@ -42,16 +48,40 @@ extern "C" __attribute__((noinline)) void raw_bench_idle(int depth) {
     while (forever) pause();
 }
 
-// Ten idle threads eight frames deep and a main thread that works; with
-// mappings > 0, then that many separate mappings (every other page
-// read-only, so that none merge).
-pid_t start_target(int mappings) {
+// A busy C++ program's code, in small: 2048 functions whose names take
+// demangling, through which busy threads keep moving, so that a sample
+// stops them at addresses a named walk has not seen before.
+namespace busy {
+template <class T, int N>
+struct stage {
+    __attribute__((noinline)) static T run(T x) {
+        for (int i = 0; i < 64; i++) x = x * 31 + static_cast<T>(N + i);
+        return x;
+    }
+};
+using fn = unsigned long (*)(unsigned long);
+template <size_t... I>
+constexpr std::array<fn, sizeof...(I)> table(std::index_sequence<I...>) {
+    return {&stage<unsigned long, static_cast<int>(I)>::run...};
+}
+const auto stages = table(std::make_index_sequence<2048>());
+__attribute__((noinline)) void loop(unsigned seed) {
+    unsigned long x = seed;
+    for (size_t i = seed;; i = i * 1103515245 + 12345) x = stages[(i >> 8) % stages.size()](x);
+}
+}  // namespace busy
+
+// Ten threads (idle, eight frames deep, or busy through busy::stages) and
+// a main thread that works; with mappings > 0, then that many separate
+// mappings (every other page read-only, so that none merge).
+pid_t start_target(int mappings, bool busy_threads = false) {
     work_done = static_cast<std::atomic<unsigned long>*>(
         mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     pid_t pid = fork();
     if (pid != 0)
         return pid;
-    for (int i = 0; i < 10; i++) std::thread([] { raw_bench_idle(8); }).detach();
+    for (unsigned i = 0; i < 10; i++)
+        std::thread([=] { busy_threads ? busy::loop(i + 1) : raw_bench_idle(8); }).detach();
     if (mappings > 0) {
         size_t page = 4096, len = page * 2 * static_cast<size_t>(mappings);
         auto* p = static_cast<char*>(
@@ -139,7 +169,7 @@ long sample_for(sampler& s, double hz, double seconds) {
     return ok;
 }
 
-int walker_cpu_steady(const std::string& ep, pid_t daemon, pid_t target) {
+int walker_cpu_steady(const std::string& ep, pid_t daemon, pid_t target, bool busy_threads) {
     sampler named(ep, target, false), raw(ep, target, true);
     named.one(), raw.one();  // a warm walker, modules loaded, names cached
     long long ns[2] = {0, 0};
@@ -153,8 +183,10 @@ int walker_cpu_steady(const std::string& ep, pid_t daemon, pid_t target) {
     double per[2] = {ns[0] / 1e3 / std::max(n[0], 1L), ns[1] / 1e3 / std::max(n[1], 1L)};
     std::ostringstream note;
     note << "walker CPU per sample: raw " << per[1] << " us, named " << per[0] << " us (" << n[1]
-         << " and " << n[0] << " samples, 11 threads)";
-    emit("walker_cpu_raw_over_named", per[1] / per[0], "<= 0.7", note.str());
+         << " and " << n[0] << " samples, 11 threads, "
+         << (busy_threads ? "10 busy through 2048 C++ functions" : "10 idle") << ")";
+    emit(busy_threads ? "walker_cpu_raw_over_named_busy" : "walker_cpu_raw_over_named",
+         per[1] / per[0], "<= 0.7", note.str());
     return 0;
 }
 
@@ -219,10 +251,17 @@ int main(int argc, char** argv) {
     pid_t target = start_target(what == "maps" ? 64000 : 0);
     usleep(200000);
     int rc = what == "walker-cpu"
-                 ? walker_cpu_steady(ep, daemon, target) + walker_cpu_first(ep, daemon)
+                 ? walker_cpu_steady(ep, daemon, target, false) + walker_cpu_first(ep, daemon)
              : what == "work" ? work(ep, target)
                               : maps(ep, target);
     kill(target, SIGKILL);
     waitpid(target, nullptr, 0);
+    if (what == "walker-cpu") {
+        target = start_target(0, true);
+        usleep(200000);
+        rc += walker_cpu_steady(ep, daemon, target, true);
+        kill(target, SIGKILL);
+        waitpid(target, nullptr, 0);
+    }
     return rc;
 }
