@@ -114,6 +114,16 @@ int make_dirs(const std::string& path) {
     return 0;
 }
 
+// The store's lock, or -errno after a log line: a report goes on without
+// it (at worst the limits are passed by one report for a moment).
+int locked(const std::string& store) {
+    int fd = crash_store_lock(store);
+    if (fd < 0)
+        syslog(LOG_WARNING, "store %s not locked: %s; going on without", store.c_str(),
+               strerror(-fd));
+    return fd;
+}
+
 int store_report(const crash_conf& conf, const args& a, crash_info& info, const core_data& core,
                  int64_t deadline) {
     std::string image = core_build(core, 0);
@@ -126,7 +136,7 @@ int store_report(const crash_conf& conf, const args& a, crash_info& info, const 
     std::string core_gz;
     if (conf.core_stack_bytes > 0 && !core.threads.empty())
         core_gz = gzip(core_build(core, conf.core_stack_bytes));
-    int lock = crash_store_lock(conf.store);
+    int lock = locked(conf.store);
     info.id = crash_store_new_id(conf.store, a.time, a.pid);
     std::string text = crash_report_text(info, core, frames);
     int rc = crash_store_write(conf.store, info.id, ".txt", text);
@@ -160,7 +170,7 @@ int run(const args& a, const crash_conf& conf) {
         syslog(LOG_ERR, "store %s cannot be made: %s", conf.store.c_str(), strerror(errno));
         return 1;
     }
-    int lock = crash_store_lock(conf.store);
+    int lock = locked(conf.store);
     bool allowed = crash_rate_allow(conf.store, info.exe, a.time, conf.rate_per_hour);
     crash_store_unlock(lock);
     if (!allowed) {

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <sstream>
 
@@ -46,12 +47,45 @@ int write_all(int fd, const std::string& s) {
     return 0;
 }
 
-// A new file of our own at path: the service's group may write the store,
-// so whatever stands there (a link, a fifo, a file it made) is replaced,
-// never written through.
-int create_fresh(const std::string& path) {
-    unlink(path.c_str());
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
+// A new file of our own, named path plus a random suffix (path is set to
+// the name): the service's group may write the store, and a name it cannot
+// guess leaves it no link, fifo or folder to put there first.
+int create_fresh(std::string& path) {
+    path += ".XXXXXX";
+    int fd = mkostemp(&path[0], O_CLOEXEC);  // O_EXCL: never an existing name
+    if (fd < 0)
+        return -errno;
+    if (fchmod(fd, 0640) != 0) {
+        int e = errno;
+        close(fd);
+        unlink(path.c_str());
+        return -e;
+    }
+    return fd;
+}
+
+// Temporary files a handler left when its time limit ended it mid-write;
+// one younger than ten minutes may still be on its way.
+void drop_stale_temps(const std::string& dir) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr)
+        return;
+    const time_t old = time(nullptr) - 600;
+    struct stat st;
+    while (dirent* e = readdir(d)) {
+        if (strncmp(e->d_name, ".tmp-", 5) == 0 &&
+            fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_mtime < old)
+            unlinkat(dirfd(d), e->d_name, 0);
+    }
+    closedir(d);
+}
+
+// dir's own state files (.rate, .lock) stand beside it, in its parent
+// folder, which the group that may write the store cannot write.
+std::string beside(std::string dir, const char* suffix) {
+    while (dir.size() > 1 && dir.back() == '/')
+        dir.pop_back();
+    return dir + suffix;
 }
 
 }  // namespace
@@ -134,7 +168,7 @@ int crash_store_write(const std::string& dir, const std::string& id, const char*
     std::string tmp = dir + "/.tmp-" + id + suffix;
     int fd = create_fresh(tmp);
     if (fd < 0)
-        return -errno;
+        return fd;
     int rc = write_all(fd, data);
     if (rc == 0 && fsync(fd) != 0)
         rc = -errno;
@@ -157,6 +191,7 @@ std::string crash_store_new_id(const std::string& dir, int64_t t, int pid) {
 
 int crash_store_trim(const std::string& dir, int max_reports, int64_t max_bytes,
                      const std::string& keep) {
+    drop_stale_temps(dir);
     std::vector<crash_entry> all;
     if (crash_store_list(dir, all) != 0)
         return 0;
@@ -180,7 +215,8 @@ int crash_store_trim(const std::string& dir, int max_reports, int64_t max_bytes,
 
 bool crash_rate_allow(const std::string& dir, const std::string& exe, int64_t t, int per_hour) {
     std::string old;
-    int fd = open((dir + "/.rate").c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    const std::string rate = beside(dir, ".rate");
+    int fd = open(rate.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (fd >= 0) {
         if (read_fd(fd, old, 1 << 20) != 0)
             old.clear();
@@ -204,29 +240,34 @@ bool crash_rate_allow(const std::string& dir, const std::string& exe, int64_t t,
     bool allow = seen < per_hour;
     if (allow)
         kept += std::to_string(t) + " " + exe + "\n";
-    std::string tmp = dir + "/.rate.tmp";
+    std::string tmp = rate;
     fd = create_fresh(tmp);
     if (fd >= 0) {
         bool ok = write_all(fd, kept) == 0;
         close(fd);
-        if (!ok || rename(tmp.c_str(), (dir + "/.rate").c_str()) != 0)
+        if (!ok || rename(tmp.c_str(), rate.c_str()) != 0)
             unlink(tmp.c_str());
     }
     return allow;
 }
 
 int crash_store_lock(const std::string& dir) {
-    int fd = open((dir + "/.lock").c_str(),
+    int fd = open(beside(dir, ".lock").c_str(),
                   O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0640);
     if (fd < 0)
         return -errno;
-    // Not retried on EINTR: the handler's deadline signal ends the wait.
-    if (flock(fd, LOCK_EX) != 0) {
-        int e = errno;
-        close(fd);
-        return -e;
+    // Handlers hold it for a write and a trim: a holder that keeps it
+    // longer is stuck or hostile, and is not worth a lost report.
+    for (int i = 0; i < 200; i++) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0)
+            return fd;
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            break;
+        usleep(10 * 1000);
     }
-    return fd;
+    int e = errno == EINTR ? EWOULDBLOCK : errno;
+    close(fd);
+    return -e;
 }
 
 void crash_store_unlock(int fd) {

@@ -1,7 +1,8 @@
 // The folder of crash reports. A report ID.txt, and its stack-only core
 // ID.core.gz where one was kept; ID is "<unix time>-<pid>", with "-N"
-// appended when that name was taken. .rate records recent reports per
-// executable; .lock serialises handlers that run at once.
+// appended when that name was taken. Beside the folder (DIR.rate, DIR.lock,
+// where the folder's group cannot write): the recent reports per
+// executable, and the lock that serialises handlers that run at once.
 #pragma once
 
 #include <cstdint>
@@ -46,6 +47,7 @@ int crash_store_trim(const std::string& dir, int max_reports, int64_t max_bytes,
 // already had per_hour reports in the hour before t.
 bool crash_rate_allow(const std::string& dir, const std::string& exe, int64_t t, int per_hour);
 
-// An exclusive lock on the store, held until crash_store_unlock; -errno.
+// An exclusive lock on the store, held until crash_store_unlock; -errno,
+// -EWOULDBLOCK when another holder kept it for two seconds.
 int crash_store_lock(const std::string& dir);
 void crash_store_unlock(int fd);

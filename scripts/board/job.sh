@@ -42,6 +42,9 @@ install_debs() { DEBIAN_FRONTEND=noninteractive dpkg -i $(debs) </dev/null; }
 first_key() { grep -v '^[[:space:]]*#' "$1" | grep -m1 '[^[:space:]]' | tr -d '[:space:]'; }
 
 # --- part A -------------------------------------------------------------------
+# A store as the first packages made it (0750 root:root): the install must
+# hand it to the service's group.
+install -d -m 0750 /var/lib/vireo-monitor /var/lib/vireo-monitor/crashes
 check "the packages install with dpkg -i" install_debs
 
 started_by_package() {
@@ -63,6 +66,16 @@ dynamic_user() {
   [ "$user" = "$unit" ] && [ "$uid" -ge 61184 ] && [ "$uid" -le 65519 ]
 }
 check "the daemon runs as the unit's dynamic user" dynamic_user
+
+store_is_the_groups() {
+  local got gid
+  got=$(stat -c %a:%U:%G /var/lib/vireo-monitor/crashes)
+  gid=$(getent group vireo-crash | cut -d: -f3)
+  echo "store: $got; vireo-crash: ${gid:-none}; $(grep '^Groups:' "/proc/$(main_pid)/status")"
+  [ "$got" = 2770:root:vireo-crash ] && [ -n "$gid" ] &&
+    grep '^Groups:' "/proc/$(main_pid)/status" | grep -qw "$gid"
+}
+check "the crash store is 2770 root:vireo-crash (an older store too) and the daemon is in the group" store_is_the_groups
 
 # caps_of HEXMASK: the capability names in a /proc/PID/status mask, sorted.
 caps_of() { capsh --decode="$1" | sed 's/.*=//' | tr ',' '\n' | sort | xargs; }

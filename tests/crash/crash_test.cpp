@@ -358,7 +358,7 @@ TEST_F(crash_core_pattern_restored_test, twenty_crashes_keep_count_size_and_rate
         ASSERT_EQ(system(("cp " + std::string(VIREO_CRASHER) + " " + exe).c_str()), 0);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.conf);
-        ASSERT_EQ(system(("rm -rf " + store).c_str()), 0);
+        ASSERT_EQ(system(("rm -rf " + store + " " + store + ".lock " + store + ".rate").c_str()), 0);
         write_conf(row.conf);
         std::vector<pid_t> pids;
         for (int i = 0; i < 20; i++) pids.push_back(crash(exes[i % 2], "segv"));
@@ -400,7 +400,7 @@ TEST_F(crash_test, truncated_and_random_cores_never_crash_the_handler) {
                 {"bytes flipped", flipped, "core: "}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        ASSERT_EQ(system(("rm -rf " + store).c_str()), 0);
+        ASSERT_EQ(system(("rm -rf " + store + " " + store + ".lock " + store + ".rate").c_str()), 0);
         std::string in = dir.write("in", row.core), err = dir.path() + "/err";
         int st = run({VIREO_CRASH, "-c", conf, std::to_string(getpid()), std::to_string(getpid()),
                       "11", "1700000000", "test"},
@@ -415,26 +415,42 @@ TEST_F(crash_test, truncated_and_random_cores_never_crash_the_handler) {
     }
 }
 
-// The service's group may write the store: a link or a fifo it left at a
-// name the handler (root) writes is replaced, never written through or
-// waited on, and the report still comes.
-TEST_F(crash_test, entries_planted_in_the_store_are_replaced_not_followed) {
-    write_conf("time-limit-s = 2\n");
-    const std::string pid = std::to_string(getpid()), outside = dir.write("outside", "outside\n");
-    for (const char* name : {".tmp-1700000000-PID.txt", ".rate.tmp", ".rate", ".lock"}) {
-        for (bool fifo : {false, true}) {
-            SCOPED_TRACE(std::string(name) + (fifo ? " fifo" : " link"));
-            ASSERT_EQ(system(("rm -rf " + store).c_str()), 0);
+// The service's group may write the store: what it leaves there (a link,
+// a hard link, a fifo or a folder at the names a handler might use) is
+// never written through or waited on, and a lock held elsewhere delays a
+// report instead of losing it.
+TEST_F(crash_test, planted_entries_and_a_held_lock_lose_no_report) {
+    write_conf("time-limit-s = 5\nrate-per-hour = 5\n");
+    const std::string pid = std::to_string(getpid()), outside = dir.path() + "/outside";
+    const char* kinds[] = {"symlink", "hard link", "fifo", "folder", "lock held"};
+    for (const char* kind : kinds) {
+        for (const char* name : {".tmp-1700000000-PID.txt", ".rate.tmp", ".rate", ".lock"}) {
+            SCOPED_TRACE(std::string(name) + " " + kind);
+            ASSERT_EQ(system(("rm -rf " + store + " " + store + ".lock " + store + ".rate").c_str()), 0);
             mkdir(store.c_str(), 0700);
+            dir.write("outside", "outside\n");
             std::string at = store + "/" + std::regex_replace(name, std::regex("PID"), pid);
-            ASSERT_EQ(fifo ? mkfifo(at.c_str(), 0600) : symlink(outside.c_str(), at.c_str()), 0);
+            int held = -1;
+            if (kind == kinds[4]) {
+                held = open((store + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+                ASSERT_EQ(flock(held, LOCK_EX), 0);
+            } else {
+                int rc = kind == kinds[0]   ? symlink(outside.c_str(), at.c_str())
+                         : kind == kinds[1] ? link(outside.c_str(), at.c_str())
+                         : kind == kinds[2] ? mkfifo(at.c_str(), 0600)
+                                            : mkdir(at.c_str(), 0700);
+                ASSERT_EQ(rc, 0);
+            }
             std::string err = dir.path() + "/err";
             int st = run({VIREO_CRASH, "-c", conf, pid, pid, "11", "1700000000", "test"},
                          VIREO_CRASH_SEED, err, false);
+            if (held >= 0)
+                close(held);
             ASSERT_TRUE(WIFEXITED(st)) << "handler ended by signal " << WTERMSIG(st);
             EXPECT_EQ(reports(store).size(), 1u) << read_text_file(err);
             EXPECT_EQ(read_text_file(outside), "outside\n");
-            EXPECT_EQ(read_text_file(err).find("time limit"), std::string::npos) << read_text_file(err);
+            if (kind == kinds[4])
+                break;  // one name is enough
         }
     }
 }

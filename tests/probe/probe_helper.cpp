@@ -1,5 +1,6 @@
 // Targets for the probe tests, by the first argument:
-//   (none) or "threads N DEPTH": N-1 named threads "vh-worker-I", each DEPTH
+//   (none) or "threads N DEPTH [NAME]": N-1 named threads "vh-worker-I" (the
+//          first one NAME when given), each DEPTH
 //          calls deep in vireo_helper_deep and then in pause(), and a main
 //          thread that blocks in read() three known calls deep. It writes
 //          "ready\n" just before that read; given one byte on stdin it writes
@@ -45,7 +46,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < threads - 1; i++) {
         pthread_t t;
         pthread_create(&t, nullptr, vireo_helper_deep, reinterpret_cast<void*>(depth));
-        pthread_setname_np(t, ("vh-worker-" + std::to_string(i)).c_str());
+        pthread_setname_np(t, (i == 0 && argc > 4 ? std::string(argv[4]) : "vh-worker-" + std::to_string(i)).c_str());
     }
     if (mode == "busy") write(1, "ready\n", 6), vireo_helper_hot();
     if (mode == "vfork" && vfork() == 0) {

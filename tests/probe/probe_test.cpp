@@ -291,6 +291,9 @@ TEST(probe, awkward_targets) {
         {"leader exited", {"leader-exit"}, "", STACK, {"(no frames: the thread has exited)", " in vireo_helper_deep+0x"}},
         {"cut stack", {"threads", "2", "20000"}, "", STACK, {"\n#255 0x", " in vireo_helper_deep+0x", "\n" walker_cut_line "\n"}},
         {"cut folded stack", {"threads", "2", "20000"}, "", SAMPLE, {"\t" walker_cut_root ";vireo_helper_deep;"}},
+        // A name with the stat file's own delimiters, and a control character.
+        {"awkward thread name", {"threads", "2", "0", "vh) R (\x01x"}, "", STACK, {" (vh) R (?x):\n#0 "}},
+        {"awkward thread name sampled", {"threads", "2", "0", "vh) R (\x01x"}, "", SAMPLE, {"\tvh) R (?x\t"}},
         {"own mount namespace", {}, ns_exe, STACK, {" in vireo_helper_inner+0x", "(" + ns_exe + ")\n"}}};
     for (const auto& row : rows) {
         helper_process h(row.argv, row.ns_exe);

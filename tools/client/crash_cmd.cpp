@@ -29,7 +29,7 @@ const char crash_usage[] =
     "  --json           the list as a JSON array\n"
     "  --debug-dir DIR  debug files: a build-id tree or a sysroot (as for symbolize)\n"
     "  --debuginfod URL ask this debuginfod server (default: DEBUGINFOD_URLS, if set)\n"
-    "  --no-debuginfod  ask no server\n"
+    "  --no-debuginfod  ignore DEBUGINFOD_URLS (--debuginfod URLs still apply)\n"
     "  --raw            print the report as the board wrote it (no naming here)\n"
     "  --core FILE      save the report's stack-only core instead: FILE ending in .gz\n"
     "                   as the board keeps it (gzip), any other name the ELF core itself\n"

@@ -48,7 +48,7 @@ const char usage_text[] =
     "  --debug-dir DIR  ask a probe stack or sample raw and name its frames here from\n"
     "                   debug files under DIR (repeatable; a build-id tree or a sysroot)\n"
     "  --debuginfod URL the same, from this debuginfod server (or DEBUGINFOD_URLS)\n"
-    "  --no-debuginfod  ask no server, whatever DEBUGINFOD_URLS says\n"
+    "  --no-debuginfod  ignore DEBUGINFOD_URLS (--debuginfod URLs still apply)\n"
     "  --raw            ask a probe stack or sample raw and print its markup\n"
     "  -v, --verbose    print the reply header on stderr\n"
     "  --json           print the reply (or the --list) as JSON\n"

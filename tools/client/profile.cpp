@@ -35,7 +35,7 @@ const char profile_usage[] =
     "  --debug-dir DIR  sample raw and name the frames here from debug files under DIR\n"
     "                   (repeatable; a build-id tree or a sysroot)\n"
     "  --debuginfod URL the same, from this debuginfod server (or DEBUGINFOD_URLS)\n"
-    "  --no-debuginfod  ask no server, whatever DEBUGINFOD_URLS says\n"
+    "  --no-debuginfod  ignore DEBUGINFOD_URLS (--debuginfod URLs still apply)\n"
     "  --format F       folded (default), pprof (gzipped profile.proto, needs -o;\n"
     "                   samples raw, named here where debug files are found),\n"
     "                   or speedscope (JSON, a timeline per thread, needs -o)\n"

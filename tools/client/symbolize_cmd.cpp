@@ -20,7 +20,7 @@ const char symbolize_usage[] =
     "  --debug-dir DIR  debug files: a build-id tree (DIR/.build-id/xx/rest.debug)\n"
     "                   or a sysroot (DIR + the module's path on the board)\n"
     "  --debuginfod URL ask this debuginfod server (default: DEBUGINFOD_URLS, if set)\n"
-    "  --no-debuginfod  ask no server, whatever DEBUGINFOD_URLS says\n"
+    "  --no-debuginfod  ignore DEBUGINFOD_URLS (--debuginfod URLs still apply)\n"
     "Each server transfer gives up after DEBUGINFOD_TIMEOUT seconds without progress\n"
     "(default 5), all of them together after 10 s; frames that stay unknown show as\n"
     "module+0xOFFSET, or by the board's own name.\n"
