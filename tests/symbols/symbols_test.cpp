@@ -3,12 +3,15 @@
 // llvm-symbolizer; a pprof file read back by go tool pprof.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
+#include <dlfcn.h>
+#include <sys/stat.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cinttypes>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -141,11 +144,12 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(symbols, malformed_markup_is_refused_with_its_line) {
     temp_dir d;
-    string out =
-        sh(VIREO_CLIENT_BIN " symbolize " +
-           d.write("m", "Thread 1 (a):\n{{{bt:0:0x1000:ra}}}\n{{{mmap:0x1000:0:load:0:rx:0}}}\n") +
-           "; echo status=$?");
-    EXPECT_NE(out.find("#0  0x0000000000001000 in ??\n"), string::npos) << out;
+    // A text line holding a NUL byte passes through whole, and the lines after
+    // it are still read.
+    const char markup[] = "Thread 1 (a\0b):\n{{{bt:0:0x1000:ra}}}\n{{{mmap:0x1000:0:load:0:rx:0}}}\n";
+    string out = sh(VIREO_CLIENT_BIN " symbolize " + d.write("m", string(markup, sizeof markup - 1)) +
+                    " >" + d.path() + "/o 2>&1; echo status=$?; tr \"\\000\" @ <" + d.path() + "/o");
+    EXPECT_NE(out.find("Thread 1 (a@b):\n#0  0x0000000000001000 in ??\n"), string::npos) << out;
     EXPECT_NE(out.find("line 3: malformed markup: {{{mmap:0x1000:0:"), string::npos) << out;
     EXPECT_NE(out.find("status=3"), string::npos) << out;
 }
@@ -211,6 +215,33 @@ TEST(symbols, debuginfod_server_names_the_same) {
     for (const string& want : {named[1], named[2], named[4], named[7]})
         EXPECT_NE(std::find(frames.begin(), frames.end(), want), frames.end()) << want;
 #endif
+}
+
+// A board's module names are its own word. With ".." one would lead the
+// sysroot lookup out of the debug folder to any file of this host: here this
+// test program (which would name the frame), and a fifo (which would hold
+// the lookup). Neither is taken.
+TEST(symbols, module_names_never_leave_the_debug_folder) {
+    board& b = the_board();
+    string fifo = b.dir.path() + "/fifo", up = "/../../../../../../../../../..";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    Dl_info self;
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(&expect_fallback), &self), 0);
+    uint64_t fn = reinterpret_cast<uintptr_t>(&expect_fallback) - reinterpret_cast<uintptr_t>(self.dli_fbase);
+    char bt[64];
+    snprintf(bt, sizeof bt, "{{{bt:0:0x%" PRIx64 ":pc}}}\n", 0x100000 + fn);
+    string markup = b.dir.path() + "/outside.markup";
+    char exe[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
+    std::ofstream(markup) << "{{{reset}}}\n{{{module:0:" << up << exe << ":elf:}}}\n"
+                          << "{{{mmap:0x100000:0x10000000:load:0:r-x:0x0}}}\n"
+                          << "{{{module:1:" << up << fifo << ":elf:}}}\n"
+                          << "{{{mmap:0x20000000:0x1000:load:1:r-x:0x0}}}\n"
+                          << bt << "{{{bt:1:0x20000010:ra}}}\n";
+    string out = client("", "--debug-dir " + b.dir.path() + "/host " + markup);
+    EXPECT_NE(out.find(" in test_symbols+0x"), string::npos) << out;
+    EXPECT_NE(out.find(" in fifo+0x10 "), string::npos) << out;
+    EXPECT_EQ(out.find("expect_fallback"), string::npos) << out;
 }
 
 TEST(symbols, llvm_symbolizer_names_the_same) {

@@ -1,5 +1,6 @@
 // Reading symbolizer markup and writing it back with named frames.
 #include <cinttypes>
+#include <cstdlib>
 #include <cstring>
 
 #include "symbolize.h"
@@ -177,24 +178,25 @@ std::vector<std::string> frame_lines(const markup_context& ctx, const markup_fra
 
 int symbolize_stream(std::FILE* in, std::FILE* out, symbolizer& s, std::string& why) {
     markup_context ctx;
-    std::string line;
     uint64_t number = 0, line_no = 0;
-    char buf[4096];
     bool fault = false;
-    while (fgets(buf, sizeof buf, in) != nullptr) {
-        line += buf;
-        if (line.back() != '\n' && !feof(in))
-            continue;
+    int rc = 0;
+    // getline, not fgets: a line may hold NUL bytes (from whatever answered
+    // on the endpoint), and text passes through as it came.
+    char* buf = nullptr;
+    size_t cap = 0;
+    for (ssize_t n; rc == 0 && (n = getline(&buf, &cap, in)) > 0;) {
+        std::string line(buf, static_cast<size_t>(n));
         line_no++;
         if (line.back() == '\n')
             line.pop_back();
         markup_line l;
         if (parse_markup_line(line, l) != 0) {
             why = "line " + std::to_string(line_no) + ": malformed markup: " + line;
-            return symbolize_bad_markup;
-        }
-        if (l.kind == markup_line::text) {
-            fault |= fprintf(out, "%s\n", line.c_str()) < 0;
+            rc = symbolize_bad_markup;
+        } else if (l.kind == markup_line::text) {
+            line += '\n';
+            fault |= fwrite(line.data(), 1, line.size(), out) != line.size();
         } else if (l.kind == markup_line::bt) {
             if (l.frame.index == 0)
                 number = 0;
@@ -203,11 +205,11 @@ int symbolize_stream(std::FILE* in, std::FILE* out, symbolizer& s, std::string& 
         } else {
             apply_markup_line(l, ctx);
         }
-        line.clear();
     }
-    if (ferror(in) || fault || fflush(out) != 0) {
+    free(buf);
+    if (rc == 0 && (ferror(in) || fault || fflush(out) != 0)) {
         why = std::string("read or write failed: ") + strerror(errno);
-        return symbolize_io_error;
+        rc = symbolize_io_error;
     }
-    return 0;
+    return rc;
 }

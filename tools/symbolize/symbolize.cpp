@@ -9,6 +9,7 @@
 #include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,9 +71,18 @@ bool has_names(Elf* elf) {
 // True when path is an ELF file with this build-id (any ELF file when the
 // board sent none) that holds a symbol table or DWARF.
 bool matches(const std::string& path, const std::string& build_id) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Regular files only: a fifo or a device at a candidate's path would
+    // hold the lookup, or do what opening it does.
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0)
         return false;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return false;
+    }
     elf_version(EV_CURRENT);
     Elf* elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
     bool ok = false;
@@ -96,7 +106,9 @@ std::vector<std::string> candidates(const std::string& dir, const markup_module&
         c.push_back(dir + "/.build-id/" + tail);
         c.push_back(dir + "/usr/lib/debug/.build-id/" + tail);
     }
-    if (!m.name.empty() && m.name[0] == '/') {
+    // The name is the board's word: a ".." in it would lead the sysroot
+    // lookups out of the debug folder, to any file of this host.
+    if (!m.name.empty() && m.name[0] == '/' && (m.name + "/").find("/../") == std::string::npos) {
         c.push_back(dir + "/usr/lib/debug" + m.name + ".debug");
         size_t slash = m.name.rfind('/');
         c.push_back(dir + m.name.substr(0, slash) + "/.debug" + m.name.substr(slash));
