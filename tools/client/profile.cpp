@@ -365,18 +365,9 @@ int write_folded(const std::map<std::string, long>& counts, const std::string& p
 }
 
 #ifdef VIREO_HAVE_SYMBOLIZE
-std::vector<std::string> split(const std::string& text, char sep) {
-    std::vector<std::string> out;
-    size_t at = 0;
-    for (size_t end; (end = text.find(sep, at)) != std::string::npos; at = end + 1)
-        out.push_back(text.substr(at, end - at));
-    out.push_back(text.substr(at));
-    return out;
-}
-
 markup_context parse_context(const std::string& text) {
     markup_context ctx;
-    for (const std::string& line : split(text, '\n')) {
+    for (const std::string& line : markup_split(text, '\n')) {
         markup_line l;
         if (parse_markup_line(line, l) == 0)
             apply_markup_line(l, ctx);
@@ -421,9 +412,9 @@ int name_samples(const profile_options& o, samples& s) {
     for (const std::string& c : s.contexts) ctx.push_back(parse_context(c));
     std::vector<std::vector<uint64_t>> leaf_first(s.d.stacks.size());
     for (size_t id = 0; id < s.d.stacks.size(); id++) {
-        std::vector<std::string> f = split(s.d.stacks[id], '\t');
+        std::vector<std::string> f = markup_split(s.d.stacks[id], '\t');
         const markup_context& c = ctx[std::stoul(f[0])];
-        std::vector<std::string> addrs = split(f[1], ';');
+        std::vector<std::string> addrs = markup_split(f[1], ';');
         std::string folded;
         for (size_t i = 0; i < addrs.size(); i++) {
             uint64_t a = strtoull(addrs[i].c_str(), nullptr, 16);

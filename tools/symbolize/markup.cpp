@@ -24,15 +24,6 @@ bool parse_number(const std::string& s, uint64_t& out) {
     return true;
 }
 
-std::vector<std::string> split(const std::string& s, char sep) {
-    std::vector<std::string> parts;
-    size_t from = 0;
-    for (size_t at; (at = s.find(sep, from)) != std::string::npos; from = at + 1)
-        parts.push_back(s.substr(from, at - from));
-    parts.push_back(s.substr(from));
-    return parts;
-}
-
 bool hex_text(const std::string& s) {
     for (char c : s)
         if (!isxdigit(static_cast<unsigned char>(c)))
@@ -88,6 +79,15 @@ int parse_bt(const std::vector<std::string>& f, markup_frame& fr) {
 
 }  // namespace
 
+std::vector<std::string> markup_split(const std::string& s, char sep) {
+    std::vector<std::string> parts;
+    size_t from = 0;
+    for (size_t at; (at = s.find(sep, from)) != std::string::npos; from = at + 1)
+        parts.push_back(s.substr(from, at - from));
+    parts.push_back(s.substr(from));
+    return parts;
+}
+
 const markup_mmap* markup_context::find(uint64_t addr) const {
     for (const markup_mmap& m : mmaps)
         if (addr >= m.start && addr - m.start < m.size)
@@ -101,7 +101,7 @@ int parse_markup_line(const std::string& line, markup_line& out) {
     size_t close = open == std::string::npos ? open : line.find("}}}", open);
     if (close == std::string::npos)
         return 0;
-    std::vector<std::string> f = split(line.substr(open + 3, close - open - 3), ':');
+    std::vector<std::string> f = markup_split(line.substr(open + 3, close - open - 3), ':');
     int rc = 0;
     if (f[0] == "reset" && f.size() == 1) {
         out.kind = markup_line::reset;

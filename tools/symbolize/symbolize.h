@@ -62,6 +62,8 @@ struct markup_line {
 // must pass through what it does not know. Returns 0 or symbolize_bad_markup
 // (a known element with a malformed field).
 int parse_markup_line(const std::string& line, markup_line& out);
+// The fields of s between each sep (an empty one where two meet).
+std::vector<std::string> markup_split(const std::string& s, char sep);
 // Applies a reset, module or mmap line to the context.
 void apply_markup_line(const markup_line& l, markup_context& ctx);
 
